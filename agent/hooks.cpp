@@ -1,0 +1,3 @@
+#include "agent/hooks.h"
+
+agent_hooks hooks;

@@ -1,0 +1,50 @@
+/*
+ * Calls that go up: what a low module has to tell a higher one goes through a hook, so that no file includes
+ * one above it. agent/wiring.cpp installs them, and there alone. An unset hook does nothing and yields 0: the
+ * job behind it is not part of this build.
+ */
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+struct agent_hooks {
+    /* ground */
+    void (*append_logs)(const char *line); /* a logged line, for the log stream */
+    void (*state_entry[5])(void); /* entry actions of the connection states, see agent/enter-state.h */
+
+    /* device */
+    int (*platform_fcgi_server_init)(void);   /* opens the front end's request socket */
+    void (*install_station_disconnect)(void); /* tells the Wi-Fi daemon library whom to call */
+
+    /* controller link */
+    int (*handle_orv_msg)(char *text, size_t length,
+                          void *user); /* a whole message; text[length] is writable */
+    void (*wait_for_reconnect)(void);  /* a connect attempt failed */
+    void (*cancel_periodic_stats)(void);
+    void (*platform_cancel_cfg_restore)(void); /* the connection proved alive */
+
+    /* messages */
+    int32_t (*sw_update_state)(void);         /* "swUpdateState" of REGISTER */
+    void (*stop_fw_dl_process)(void);         /* ends a running firmware download */
+    void (*set_system_time)(int64_t seconds); /* seconds since the epoch */
+
+    /* state machine */
+    void (*platform_restore_cfg)(void); /* back to the last good configuration */
+
+    /* start */
+    void (*log_server_init)(void);
+    int (*platform_event_listener)(void);
+    void (*device_agent_msg_from_wifid_callback_init)(void);
+};
+
+extern agent_hooks hooks;
+
+/* Calls a hook if it is set; an unset one yields a zero result. */
+template <typename result, typename... parameters, typename... arguments>
+result call_hook(result (*hook)(parameters...), arguments... values)
+{
+    if (hook)
+        return hook(values...);
+    return result();
+}
