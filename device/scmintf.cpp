@@ -1,0 +1,3 @@
+#include "device/scmintf.h"
+
+void (*scmintf_print)(const char *file, int line, const char *message);
