@@ -1,0 +1,154 @@
+#include "platform/state-files.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include <unistd.h>
+
+#include "agent/da.h"
+#include "agent/debug-log.h"
+#include "agent/owners.h"
+#include "agent/state-file.h"
+#include "agent/text.h"
+#include "agent/utils.h"
+#include "device/tavosutils.h"
+
+#define MODULE "wifi.c"
+
+#define OPTION_15_HOST "orvanta"
+
+enum {
+    DOMAIN_LENGTH = 128,
+    TOKEN_FILE_LENGTH = 257,
+    CONFVER_LENGTH = 4095,
+};
+
+/* ---- the controller's URL ---- */
+
+static int url_found(const char *function, const char *url)
+{
+    if (url[0] == '\0')
+        return -1;
+    LOG(LOG_EVENT, "%s: orv_url [%s]", function, url);
+    return 0;
+}
+
+int platform_get_static_url(char (&url)[URL_TEXT_SIZE])
+{
+    if (static_orv_url[0] != '\0')
+        copy_text(url, static_orv_url);
+    else
+        (void)read_value_file(STATIC_URL_FILE, url, sizeof(url) - 1);
+    return url_found("platform_get_static_url", url);
+}
+
+int platform_get_dhcp43_url(char (&url)[URL_TEXT_SIZE])
+{
+    (void)read_value_file(DHCP_43_FILE, url, sizeof(url) - 1);
+    return url_found("platform_get_dhcp43_url", url);
+}
+
+int platform_get_dhcp15_url(char (&url)[URL_TEXT_SIZE])
+{
+    char domain[DOMAIN_LENGTH + 1];
+    if (read_value_file(DHCP_15_FILE, domain, DOMAIN_LENGTH) != 0 || domain[0] == '\0')
+        return -1;
+    snprintf(url, sizeof(url), "https://%s.%s", OPTION_15_HOST, domain);
+    LOG(LOG_TRACE, "%s: Domain [%s] Option15 based URL [%s]", "platform_get_dhcp15_url", domain, url);
+    return 0;
+}
+
+/* ---- the onboarding service's cookie ---- */
+
+int platform_save_deviceId_cookie(const char *cookie)
+{
+    LOG(LOG_TRACE, "%s: ENTRY", "platform_save_deviceId_cookie");
+    return replace_file(DEVICE_ID_COOKIE_FILE, cookie);
+}
+
+int platform_get_deviceId_cookie(char *out, size_t size)
+{
+    LOG(LOG_TRACE, "%s: ENTRY", "platform_get_deviceId_cookie");
+    return read_value_file(DEVICE_ID_COOKIE_FILE, out, size - 1) == 0 && out[0] != '\0' ? 0 : -1;
+}
+
+int platform_delete_device_id_cookie(void)
+{
+    (void)unlink(DEVICE_ID_COOKIE_FILE);
+    return 0;
+}
+
+/* ---- the account ---- */
+
+static void empty_token(void)
+{
+    da.dev_info.velmora_id[0] = '\0';
+    da.dev_info.velmora_token[0] = '\0';
+}
+
+int platform_find_velmora_id_token(void)
+{
+    empty_token(); /* what the file does not hold now is not sent */
+    char text[TOKEN_FILE_LENGTH + 1];
+    if (read_value_file(VELMORA_ID_FILE, text, TOKEN_FILE_LENGTH) != 0 || text[0] == '\0')
+        return -1;
+    char *rest = nullptr;
+    if (const char *id = strtok_r(text, ":", &rest))
+        copy_format_text(da.dev_info.velmora_id, id);
+    if (const char *token = strtok_r(nullptr, ":", &rest))
+        copy_format_text(da.dev_info.velmora_token, token);
+    return 0;
+}
+
+int platform_clear_velmora_id_token(void)
+{
+    empty_token();
+    (void)unlink(VELMORA_ID_FILE);
+    return 0;
+}
+
+int platform_set_account_id(void)
+{
+    const char *id = da.dev_info.account_id;
+    LOG(LOG_TRACE, "set account_id [%s]", id);
+    if (id[0] == '\0') {
+        LOG(LOG_TRACE, "Clear account_id file");
+        (void)unlink(ACCOUNT_ID_FILE);
+        return 0;
+    }
+    LOG(LOG_TRACE, "Write account_id [%s] to file", id);
+    if (replace_file(ACCOUNT_ID_FILE, id) != 0) {
+        LOG(LOG_FAILURE, "Unable to open config version file for writing");
+        return -1;
+    }
+    return 0;
+}
+
+/* ---- the configuration ---- */
+
+int32_t platform_get_da_config_version(void)
+{
+    char text[CONFVER_LENGTH + 1];
+    if (read_value_file(CONFVER_FILE, text, CONFVER_LENGTH) != 0) {
+        LOG(LOG_FAILURE, "Failed to retrieve the config value");
+        return -1;
+    }
+    LOG(LOG_TRACE, "config value : %s \n", text);
+    return text_to_int(text);
+}
+
+int platform_device_reconfigured(void) { return access(DEVICE_RECONFIGURED_FILE, F_OK) == 0 ? 0 : -1; }
+
+int platform_ntp_configured(void)
+{
+    malloc_text server(db_read("ntp_server"));
+    return server && server.get()[0] != '\0' ? 0 : -1;
+}
+
+/* ---- fixed answers ---- */
+
+const char *platform_ca_certs_path(void) { return CA_CERTS_PATH; }
+
+const char *platform_root_ca_path(void) { return ROOT_CA_FILE; }
+
+bool platform_zero_touch_enabled(void) { return false; }
