@@ -1,0 +1,39 @@
+/*
+ * Messages to the controller: one JSON object each, "msgType" first, members in the order in which they were
+ * added, the serialiser's default separators.
+ */
+#pragma once
+
+#include <cstdint>
+
+#include "agent/owners.h"
+
+/* Message types that the agent sends. Replies to request N are N+300 on success or progress, N+600 on
+ * failure. */
+enum {
+    MSG_REGISTER = 100,
+    MSG_MANAGED_INFO_RSP = 408,
+    MSG_LOCATE_RSP = 415,
+    MSG_DEV_INFO_RSP = 423,
+    MSG_FAILURE = 999, /* answers a message whose type could not be read */
+};
+
+/* A new message of this type. */
+json_ptr new_message(int32_t msgType);
+
+/* Adds a member at the end. A text from outside becomes valid UTF-8 on the way; null counts as empty. */
+void add_text(const json_ptr &object, const char *key, const char *text);
+void add_integer(const json_ptr &object, const char *key, int64_t value);
+
+/* The message as text; null, with a log line that names the sender, when it cannot be serialised. */
+malloc_text dump_message(const json_ptr &message, const char *sender);
+
+/* Queues the text. Returns what write_to_orv returns, -1 for a null text. */
+int queue_text(const malloc_text &text);
+
+/* The failure reply: {"msgType": .., "code": the status' name, "message": ..}. A status out of range counts
+ * as 1. */
+int send_failure_msg(int32_t msgType, int status, const char *message);
+
+/* The bare success reply: {"msgType": ..}. */
+int send_success_msg(int32_t msgType);

@@ -1,0 +1,22 @@
+/*
+ * Messages from the controller: their types and the reading of their members.
+ */
+#pragma once
+
+#include <jansson.h>
+
+/* The types that have a handler in this build. */
+enum {
+    MSG_MANAGED_INFO = 108,
+    MSG_LOCATE_CMD = 115,
+    MSG_DEV_INFO_REQUEST = 123,
+    MSG_REGISTER_SUCCESS = 400,
+    MSG_REGISTER_FAILED = 700,
+};
+
+/* The text of a member, empty when it is absent or no text. Owned by the object. */
+inline const char *received_text(const json_t *object, const char *key)
+{
+    const char *text = json_string_value(json_object_get(object, key));
+    return text ? text : "";
+}
