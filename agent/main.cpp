@@ -1,0 +1,59 @@
+/*
+ * device-agent: keeps an access point connected to its management controller.
+ */
+#include <cstdio>
+#include <cstdlib>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "agent/da.h"
+#include "agent/debug-log.h"
+#include "agent/signal-mask.h"
+#include "agent/start.h"
+#include "agent/text.h"
+#include "agent/utils.h"
+
+#define MODULE "device-agent.c"
+
+static void usage(void) { LOG(LOG_FAILURE, "Usage: device-agent [-d <log level>] [-h]"); }
+
+/*
+ * Nothing of the environment may steer where the agent connects or whom it trusts; and wherever it was
+ * started, it holds no folder.
+ */
+static void settle_environment(void)
+{
+    static const char *const steering[] = {
+        "http_proxy", "https_proxy", "all_proxy", "socks_proxy", "SSL_CERT_FILE", "SSL_CERT_DIR",
+    };
+    for (const char *name : steering)
+        unsetenv(name);
+    setenv("RES_OPTIONS", RESOLVER_OPTIONS, 1);
+    umask(022);
+    (void)!chdir("/");
+}
+
+int main(int argc, char **argv)
+{
+    int debug_level = 0;
+    int option;
+    opterr = 0; /* an unknown option gets the usage line, nothing else */
+    while ((option = getopt(argc, argv, "hd:s:iv")) != -1) {
+        switch (option) {
+        case 'd': debug_level = text_to_int(optarg); break;
+        case 's': copy_format_text(static_orv_url, optarg); break;
+        case 'i': stay_idle = 1; break;
+        case 'v': printf("%s\n", DA_VERSION); return 0;
+        default: usage(); return 0;
+        }
+    }
+    if (optind > argc)
+        usage();
+    else {
+        signals_block();
+        settle_environment();
+        (void)start_device_agent(debug_level);
+    }
+    return 0;
+}

@@ -1,0 +1,55 @@
+#include "agent/signals.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include <signal.h>
+
+#include "agent/da.h"
+#include "agent/debug-log.h"
+#include "agent/enter-state.h"
+#include "agent/ws-close.h"
+
+#define MODULE "device-agent.c"
+
+static bool leaving; /* SIGTERM was seen: whatever comes while the agent says goodbye is too late */
+
+static void leave(void)
+{
+    leaving = true;
+    send_close_frame_to_orvanta("DEV_CFG_UPDATE", strlen("DEV_CFG_UPDATE"));
+    exit(0);
+}
+
+static void rediscover(void)
+{
+    da.dhcp15_allowed = 0;
+    da.discovery_method = DISCOVER_RESTART;
+    da_enter_state(DA_STATE_DISCONNECTED);
+}
+
+/* Runs only where the agent waits, so it may do all of this. */
+static void sighandler(int number)
+{
+    if (leaving)
+        return;
+    LOG(LOG_NOTABLE, "sighandler invoked, signal  %d", number);
+    if (number == SIGTERM)
+        leave();
+    else if (number == SIGUSR1)
+        rediscover();
+    else if (number == SIGHUP)
+        da.debug_level = da.debug_level < LOG_TRACE ? da.debug_level + 1 : LOG_FAILURE;
+}
+
+void platform_init_signal_handler(void)
+{
+    static const int numbers[] = {SIGUSR1, SIGHUP, SIGTERM};
+    struct sigaction action = {};
+    action.sa_handler = sighandler;
+    sigemptyset(&action.sa_mask);
+    for (int number : numbers)
+        sigaddset(&action.sa_mask, number); /* they never interrupt each other */
+    for (int number : numbers)
+        sigaction(number, &action, nullptr);
+}

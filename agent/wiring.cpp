@@ -1,0 +1,26 @@
+#include "agent/wiring.h"
+
+#include "agent/da.h"
+#include "agent/hooks.h"
+#include "agent/state-connected.h"
+#include "agent/state-connecting.h"
+#include "agent/state-disconnected.h"
+#include "agent/state-discovery.h"
+#include "agent/state-idle.h"
+#include "agent/ws-session.h"
+#include "protocol/dispatcher.h"
+
+void install_hooks(void)
+{
+    /* connection states */
+    hooks.state_entry[DA_STATE_IDLE] = enter_idle;
+    hooks.state_entry[DA_STATE_DISCOVERY] = enter_discovery;
+    hooks.state_entry[DA_STATE_CONNECTING] = enter_connecting;
+    hooks.state_entry[DA_STATE_CONNECTED] = enter_connected;
+    hooks.state_entry[DA_STATE_DISCONNECTED] = enter_disconnected;
+
+    /* websocket session */
+    ws_session_init();
+    hooks.handle_orv_msg = handle_orv_msg;
+    hooks.wait_for_reconnect = wait_for_reconnect;
+}

@@ -1,0 +1,130 @@
+#include "protocol/dispatcher.h"
+
+#include <cstdint>
+
+#include "agent/cfg-restore-timer.h"
+#include "agent/da.h"
+#include "agent/debug-log.h"
+#include "agent/owners.h"
+#include "agent/registration.h"
+#include "agent/text.h"
+#include "platform/connection-status.h"
+#include "platform/locate.h"
+#include "protocol/device-info.h"
+#include "protocol/error-codes.h"
+#include "protocol/managed-info.h"
+#include "protocol/message.h"
+#include "protocol/received.h"
+#include "protocol/register.h"
+
+#define MODULE "device-agent.c"
+
+/* ---- handlers with more to do than their own reader ---- */
+
+static int locate(const json_t *, char *) { return platform_locate(); }
+
+static int device_info_request(const json_t *, char *error_text)
+{
+    return build_and_send_dev_info(error_text);
+}
+
+static int register_success(const json_t *obj, char *error_text)
+{
+    (void)parse_register_response(MSG_REGISTER_SUCCESS, obj, error_text);
+    da.registered = 1;
+    registration_answered();
+    platform_set_orv_connection_state(ORV_APPROVAL_PENDING, nullptr);
+    stop_cfg_restore_timer();
+    return NO_ERROR;
+}
+
+static int register_failed(const json_t *obj, char *error_text)
+{
+    int status = parse_register_response(MSG_REGISTER_FAILED, obj, error_text);
+    da.registered = 0;
+    registration_answered();
+    retry_registration();
+    return status;
+}
+
+/* ---- the catalogue ---- */
+
+struct message_row {
+    int32_t msgType;
+    int received_level;
+    const char *received_log;                            /* "%s" is the dispatcher's name */
+    int (*handler)(const json_t *obj, char *error_text); /* 0, or a status of protocol/error-codes.h */
+    int32_t failure_reply;
+    int32_t success_reply;    /* 0: the dispatcher sends none */
+    const char *complete_log; /* null: none */
+};
+
+/* In the order of the type numbers. A type without a row is unknown. */
+static const message_row catalogue[] = {
+    {MSG_MANAGED_INFO, LOG_TRACE, "%s:MSG_MANAGED_INFO received", parse_managed_info, 708,
+     MSG_MANAGED_INFO_RSP, "%s:MSG_MANAGED_INFO Complete"},
+    {MSG_LOCATE_CMD, LOG_EVENT, "%s: MSG_LOCATE_CMD received", locate, 715, MSG_LOCATE_RSP,
+     "%s: MSG_LOCATE_CMD_REQUEST Complete"},
+    {MSG_DEV_INFO_REQUEST, LOG_TRACE, "%s:MSG_DEV_INFO_REQUEST received", device_info_request, 723, 0,
+     nullptr},
+    {MSG_REGISTER_SUCCESS, LOG_EVENT, "%s: MSG_REGISTER_SUCCESS received", register_success, 0, 0, nullptr},
+    {MSG_REGISTER_FAILED, LOG_EVENT, "%s: MSG_REGISTER_FAILED received", register_failed, 700, 0, nullptr},
+};
+
+static const message_row *find_row(int64_t msgType)
+{
+    for (const message_row &row : catalogue)
+        if (row.msgType == msgType)
+            return &row;
+    return nullptr;
+}
+
+/* The texts of the table stay format texts only here, where each is known to take the one name. */
+static void log_row(int level, const char *text)
+{
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+    LOG(level, text, "handle_orv_msg");
+#pragma GCC diagnostic pop
+}
+
+static int dispatch(const message_row &row, const json_t *obj)
+{
+    log_row(row.received_level, row.received_log);
+    int status = row.handler(obj, error_string);
+    if (status != NO_ERROR && row.failure_reply != 0)
+        send_failure_msg(row.failure_reply, status, error_string);
+    if (status == NO_ERROR && row.success_reply != 0)
+        send_success_msg(row.success_reply);
+    if (row.complete_log)
+        log_row(LOG_EVENT, row.complete_log);
+    return status;
+}
+
+int handle_orv_msg(char *text, size_t length, void *)
+{
+    text[length] = '\0';
+    json_error_t error;
+    json_ptr obj(json_loads(text, 0, &error));
+    if (!obj) {
+        set_error_text(error_string, "Unable to load JSON ,error  on line %d: %s", error.line, error.text);
+        send_failure_msg(MSG_FAILURE, BAD_REQUEST, error_string);
+        LOG(LOG_FAILURE, "%s", error_string);
+        return -1;
+    }
+    const json_t *type = json_object_get(obj.get(), "msgType");
+    if (!type) {
+        LOG(LOG_FAILURE, "%s", error_string); /* the failure before this one, logged first on purpose */
+        set_error_text(error_string, "Not able to find msgType in the json request");
+        send_failure_msg(MSG_FAILURE, BAD_REQUEST, error_string);
+        return -1;
+    }
+    int64_t msgType = json_integer_value(type); /* 0, an unknown type, when it is no integer */
+    const message_row *row = find_row(msgType);
+    if (!row) {
+        LOG(LOG_FAILURE, "%s: UNKNOWN message %d received from Orvanta", "handle_orv_msg",
+            clamp_to_int32(msgType));
+        return 0;
+    }
+    return dispatch(*row, obj.get());
+}
