@@ -1,0 +1,191 @@
+"""Runs the agent in the lab and shows what it does.
+
+    sudo /usr/bin/python3 -m lab.run [--until registered] [OPTION]... [-- AGENT OPTION...]
+
+Ctrl-C (or q) ends it and leaves nothing behind.
+"""
+
+import argparse
+import select
+import signal
+import sys
+import termios
+import threading
+import time
+import tty
+from types import FrameType
+from typing import Any, Optional
+
+from lab import needs
+
+if needs.complaint():
+    sys.exit(needs.complaint())
+
+from lab.device import require_root  # noqa: E402 - after the check of what they import
+from lab.lab import Lab, find_agent  # noqa: E402
+from lab.liveview import Printer  # noqa: E402
+
+_HELP = """keys: c = kill the controller's connection   n = cut / restore the network
+      k = kill the agent   r = reboot the device   s = status   q = quit (or Ctrl-C)"""
+_TICK_SECONDS = 0.2
+
+
+class _Stop(Exception):
+    """The user or a signal asked for the end."""
+
+
+def _arguments() -> argparse.Namespace:
+    parser = argparse.ArgumentParser(prog="python3 -m lab.run", description=__doc__,
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--agent", default="build/device-agent", metavar="PATH",
+                        help="the agent's program (default: %(default)s)")
+    parser.add_argument("--until", choices=["registered"],
+                        help="end with status 0 as soon as the device is registered")
+    parser.add_argument("--timeout", type=float, default=90.0, metavar="SECONDS",
+                        help="how long --until may take (default: %(default)g)")
+    parser.add_argument("--faketime", default="", metavar="SPEC",
+                        help='speed the agent\'s clock, for instance "+0 x10"')
+    parser.add_argument("agent_options", nargs="*", metavar="AGENT OPTION",
+                        help="options of the agent (default: -d 3)")
+    return parser.parse_args()
+
+
+class _Keys:
+    """Single keys from the terminal, if standard input is one."""
+
+    def __init__(self) -> None:
+        self.active = sys.stdin is not None and sys.stdin.isatty()
+        self._saved: Optional[list[Any]] = None
+
+    def __enter__(self) -> "_Keys":
+        if self.active:
+            self._saved = termios.tcgetattr(sys.stdin)
+            tty.setcbreak(sys.stdin)
+        return self
+
+    def __exit__(self, *_exc: object) -> None:
+        if self._saved is not None:
+            termios.tcsetattr(sys.stdin, termios.TCSADRAIN, self._saved)
+
+    def get(self, timeout: float) -> str:
+        """The next key within the time, or an empty text."""
+        if not self.active:
+            time.sleep(timeout)
+            return ""
+        if select.select([sys.stdin], [], [], timeout)[0]:
+            return sys.stdin.read(1)
+        return ""
+
+
+class _Session:
+    """One run: the lab, what is printed, and what the keys do."""
+
+    def __init__(self, lab: Lab, printer: Printer) -> None:
+        self._lab = lab
+        self._printer = printer
+        self._cut = False
+        self._shown = ""
+
+    def press(self, key: str) -> None:
+        """Does what a key stands for."""
+        actions = {"c": self._kill_connection, "n": self._switch_network, "k": self._kill_agent,
+                   "r": self._lab.reboot, "s": self._show_status, "q": self._quit}
+        action = actions.get(key.lower())
+        if action is None:
+            return
+        try:
+            action()
+        except (AssertionError, OSError) as error:
+            self._printer.line(str(error).splitlines()[0], "bad", stamp=True)
+
+    def _kill_connection(self) -> None:
+        self._lab.controller.kill()
+        self._printer.line("* the controller's connection is killed", "bad", stamp=True)
+
+    def _switch_network(self) -> None:
+        self._cut = not self._cut
+        (self._lab.network.cut if self._cut else self._lab.network.restore)()
+        self._printer.line("* the network is " + ("cut" if self._cut else "back"), "bad",
+                           stamp=True)
+
+    def _kill_agent(self) -> None:
+        self._lab.supervisor.send_signal(signal.SIGKILL)
+        self._printer.line("* the agent is killed", "bad", stamp=True)
+
+    def _show_status(self) -> None:
+        lab = self._lab
+        self._printer.line(f"status shown on the device: {lab.status_or_reason()!r}; "
+                           f"agent starts: {lab.supervisor.starts}; "
+                           f"connections: {len(lab.controller.connections)}; "
+                           f"network: {'cut' if self._cut else 'in'}")
+
+    def _quit(self) -> None:
+        raise _Stop
+
+    def watch_status(self) -> None:
+        """Shows the device's connection status when it has changed."""
+        text = self._lab.status_or_reason()
+        if text != self._shown:
+            self._shown = text
+            self._printer.line(f'status: "{text}"', "state", stamp=True)
+
+
+def _run(arguments: argparse.Namespace, printer: Printer) -> int:
+    registered = threading.Event()
+
+    def look(event: Any) -> None:
+        if event.kind == "log" and "MSG_REGISTER_SUCCESS received" in event["message"]:
+            registered.set()
+
+    with Lab(progress=printer.line) as lab, _Keys() as keys:
+        lab.journal.subscribe(printer.event)
+        lab.journal.subscribe(look)
+        session = _Session(lab, printer)
+        lab.start_agent(arguments.agent, arguments.agent_options or ["-d", "3"],
+                        faketime=arguments.faketime)
+        printer.line(f"look inside from another terminal: sudo nsenter -a -t {lab.device.pid} sh\n"
+                     + (_HELP if keys.active else "Ctrl-C ends it"))
+        deadline = time.monotonic() + arguments.timeout
+        while not (arguments.until and registered.is_set()):
+            if arguments.until and time.monotonic() > deadline:
+                printer.line(f"the device was not registered within {arguments.timeout:g} s\n"
+                             + lab.explain(), "bad")
+                return 1
+            key = keys.get(_TICK_SECONDS)
+            if key:
+                session.press(key)
+            session.watch_status()
+        problems = lab.problems()
+        for problem in problems:
+            printer.line(problem, "bad")
+        if not problems:
+            printer.line("the device is registered", "state")
+        return 1 if problems else 0
+
+
+def _on_signal(_number: int, _frame: Optional[FrameType]) -> None:
+    for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+        signal.signal(number, signal.SIG_IGN)  # the clean-up runs undisturbed
+    raise _Stop
+
+
+def main() -> int:
+    """Runs until told to stop; see the text at the top."""
+    arguments = _arguments()
+    require_root()
+    printer = Printer()
+    for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+        signal.signal(number, _on_signal)
+    try:
+        find_agent(arguments.agent)
+        return _run(arguments, printer)
+    except _Stop:
+        printer.line("stopped; everything is taken down")
+        return 1 if arguments.until else 0
+    except (OSError, RuntimeError) as error:
+        printer.line(f"lab: {error}", "bad")
+        return 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())
