@@ -9,9 +9,10 @@ import json
 from dataclasses import dataclass, field, replace
 from typing import Any, Optional
 
-from lab import names, network
+from lab import names
 from lab.authority import Certificates
 from lab.journal import Event, Journal
+from lab.tlsserver import TlsServer
 from lab.world import World
 
 PORT = 443
@@ -78,32 +79,21 @@ class Onboarding:
     """The TLS server at port 443 of the world."""
 
     def __init__(self, world: World, journal: Journal, certificates: Certificates) -> None:
-        self._world = world
         self._journal = journal
         self.certificates = certificates
         self.reply = Reply()
         """The answer given whenever `next_replies` is empty."""
         self.next_replies: list[Reply] = []
         """Answers for the next requests, used up one by one."""
-        self._server: Optional[asyncio.AbstractServer] = None
-        self._tasks: set[asyncio.Task] = set()
+        self._server = TlsServer(world, PORT, certificates, self._converse)
 
     def start(self) -> None:
         """Listens from now on."""
-        self._server = self._world.wait(asyncio.start_server(
-            self._serve, network.WORLD_ADDRESS, PORT, ssl=self.certificates.context))
+        self._server.start()
 
     def stop(self) -> None:
         """Stops listening and drops whoever is connected; `start` takes it up again."""
-        if self._server is not None:
-            self._world.wait(self._close())
-            self._server = None
-
-    async def _close(self) -> None:
-        self._server.close()
-        for task in self._tasks:
-            task.cancel()
-        await asyncio.gather(*self._tasks, return_exceptions=True)
+        self._server.stop()
 
     def requests(self) -> list[str]:
         """Every request so far as text, byte for byte."""
@@ -113,24 +103,15 @@ class Onboarding:
         """The next request: its "text" as it came and the server "names" asked for so far."""
         return self._journal.wait("onboarding", timeout=timeout, what="an onboarding request")
 
-    async def _serve(self, reader: asyncio.StreamReader, writer: asyncio.StreamWriter) -> None:
-        task = asyncio.current_task()
-        self._tasks.add(task)
-        try:
-            data = b""
-            while not data.endswith(_REQUEST_ENDS) and len(data) < _REQUEST_LIMIT:
-                piece = await reader.read(4096)
-                if not piece:
-                    self._journal.note("onboarding-cut", text=data.decode(errors="replace"))
-                    return
-                data += piece
-            await self._answer(data, reader, writer)
-        except (ConnectionError, asyncio.CancelledError):
-            pass
-        finally:
-            self._tasks.discard(task)
-            if not writer.is_closing():
-                writer.transport.abort()
+    async def _converse(self, reader: asyncio.StreamReader, writer: asyncio.StreamWriter) -> None:
+        data = b""
+        while not data.endswith(_REQUEST_ENDS) and len(data) < _REQUEST_LIMIT:
+            piece = await reader.read(4096)
+            if not piece:
+                self._journal.note("onboarding-cut", text=data.decode(errors="replace"))
+                return
+            data += piece
+        await self._answer(data, reader, writer)
 
     async def _answer(self, data: bytes, reader: asyncio.StreamReader,
                       writer: asyncio.StreamWriter) -> None:

@@ -12,9 +12,10 @@ import struct
 from dataclasses import dataclass
 from typing import Any, Optional, Sequence
 
-from lab import names, network, schemas
+from lab import names, schemas
 from lab.authority import Certificates
 from lab.journal import Event, Journal
+from lab.tlsserver import TlsServer
 from lab.world import World
 
 PORT = 8444
@@ -69,29 +70,18 @@ class RawPeer:
     def __init__(self, world: World, journal: Journal, certificates: Certificates) -> None:
         self._world = world
         self._journal = journal
-        self._certificates = certificates
-        self._server: Optional[asyncio.AbstractServer] = None
         self._writer: Optional[asyncio.StreamWriter] = None
-        self._tasks: set[asyncio.Task] = set()
         self.answer_pings = True
         self.answer_register = True
+        self._server = TlsServer(world, PORT, certificates, self._converse)
 
     def start(self) -> None:
         """Listens from now on."""
-        self._server = self._world.wait(asyncio.start_server(
-            self._serve, network.WORLD_ADDRESS, PORT, ssl=self._certificates.context))
+        self._server.start()
 
     def stop(self) -> None:
         """Stops listening and drops the agent."""
-        if self._server is not None:
-            self._world.wait(self._close())
-            self._server = None
-
-    async def _close(self) -> None:
-        self._server.close()
-        for task in self._tasks:
-            task.cancel()
-        await asyncio.gather(*self._tasks, return_exceptions=True)
+        self._server.stop()
 
     def wait_connected(self, timeout: float = 30.0) -> Event:
         """The next connection: "request" is the agent's whole HTTP request as text."""
@@ -138,9 +128,7 @@ class RawPeer:
         if self._writer is not None:
             self._world.call(self._writer.transport.abort)
 
-    async def _serve(self, reader: asyncio.StreamReader, writer: asyncio.StreamWriter) -> None:
-        task = asyncio.current_task()
-        self._tasks.add(task)
+    async def _converse(self, reader: asyncio.StreamReader, writer: asyncio.StreamWriter) -> None:
         try:
             request = (await reader.readuntil(b"\r\n\r\n")).decode("latin-1")
             writer.write(self._upgrade(request))
@@ -149,10 +137,7 @@ class RawPeer:
             self._journal.note("raw-connected", request=request)
             while True:
                 await self._receive(await read_frame(reader))
-        except (asyncio.IncompleteReadError, ConnectionError, asyncio.CancelledError):
-            pass
         finally:
-            self._tasks.discard(task)
             self._writer = None
             writer.transport.abort()
             self._journal.note("raw-ended")
