@@ -117,6 +117,7 @@ static void on_load_certificates(void *ssl_context)
 {
     LOG(LOG_TRACE, "LWS_CALLBACK_OPENSSL_LOAD_EXTRA_CLIENT_VERIFY_CERTS");
     auto *context = static_cast<SSL_CTX *>(ssl_context);
+    SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION);
     SSL_CTX_load_verify_dir(context, platform_ca_certs_path());
     /* The host text is live: the context outlives a change of controller. */
     SSL_CTX_set_cert_verify_callback(context, ssl_cert_verify_callback, ws_target.host);
