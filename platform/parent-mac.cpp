@@ -182,7 +182,7 @@ static void rx_lldp(int32_t fd, int32_t, void *)
         return;
     }
     size_t length = static_cast<size_t>(received);
-    if (length >= 2 * LLDP_MAC_SIZE && !is_from_a_peer(fd, from, frame + LLDP_MAC_SIZE))
+    if (length >= size_t{2} * LLDP_MAC_SIZE && !is_from_a_peer(fd, from, frame + LLDP_MAC_SIZE))
         return;
 
     LOG(LOG_TRACE, "%s: Received LLDP packet", "rx_lldp");
