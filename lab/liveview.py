@@ -1,11 +1,13 @@
 """Turns the lab's events into one short line each, for people to read while it runs."""
 
 import json
+import shutil
 import sys
 import threading
 import time
 from typing import Optional
 
+from lab import schemas
 from lab.journal import Event
 
 STATES = ("IDLE", "DISCOVERY", "CONNECTING", "CONNECTED", "DISCONNECTED")
@@ -26,13 +28,13 @@ def short(text: str) -> str:
     return text if len(text) <= _WIDTH else text[:_WIDTH - 3] + "..."
 
 
-def _message(text: str) -> str:
-    """A protocol message in short: its type first."""
+def _message(direction: str, text: str) -> str:
+    """A protocol message in short: its number and name first."""
     try:
         number = json.loads(text).get("msgType")
     except (ValueError, AttributeError):
         number = "?"
-    return f"[{number}] {short(text)}"
+    return f"{number} {schemas.name_of(direction, number)}: {short(text)}"
 
 
 def describe(event: Event) -> Optional[tuple[str, str]]:
@@ -41,10 +43,11 @@ def describe(event: Event) -> Optional[tuple[str, str]]:
     if kind == "log":
         return _describe_log(event["message"])
     simple = {
-        "from-agent": lambda: ("out", "agent ---> " + _message(event["text"])),
-        "to-agent": lambda: ("in", "agent <--- " + _message(event["text"])),
-        "onboarding": lambda: ("out", f"agent ---> onboarding: {event['text'].splitlines()[0]}"
-                                      f"  (answer: {event['answer']})"),
+        "from-agent": lambda: ("out", "agent ---> "
+                                + _message("to-controller", event["text"])),
+        "to-agent": lambda: ("in", "agent <--- " + _message("to-agent", event["text"])),
+        "onboarding": lambda: ("out", f"agent <--> onboarding: answered {event['answer']} to "
+                                      f"{event['text'].splitlines()[0]}"),
         "connected": lambda: ("note", f"websocket open: {event['connection']}"),
         "disconnected": lambda: ("note", "websocket closed by " + (
             f"close frame {event['code']} \"{event['reason']}\"" if event["code"]
@@ -87,6 +90,8 @@ class Printer:
         if stamp:
             now = time.time()
             text = time.strftime("%H:%M:%S", time.localtime(now)) + f".{int(now * 10) % 10} {text}"
+        if stamp and sys.stdout.isatty():  # one line stays one line on the screen
+            text = text[:shutil.get_terminal_size((_WIDTH, 24)).columns]
         if self._colour and colour:
             text = f"\033[{_COLOURS[colour]}m{text}\033[0m"
         with self._lock:

@@ -82,6 +82,12 @@ def check(direction: str, text: str | bytes) -> dict[str, Any]:
     return message
 
 
+def name_of(direction: str, number: Any) -> str:
+    """Return the name of a message type, "unknown" where the documents know none."""
+    document = _load().messages.get((direction, number)) if type(number) is int else None
+    return document.name if document else "unknown"
+
+
 def check_ping(payload: str | bytes) -> dict[str, Any]:
     """Return the members of the payload of one of the agent's PING frames, or raise SchemaError."""
     document = _load().ping
