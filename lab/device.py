@@ -32,7 +32,7 @@ _NAMESPACES = {"net": linux.CLONE_NEWNET, "uts": linux.CLONE_NEWUTS, "ipc": linu
                "mnt": linux.CLONE_NEWNS}
 
 
-class DeviceError(Exception):
+class DeviceError(RuntimeError):
     """The device could not be made or is not running."""
 
 
@@ -242,7 +242,6 @@ class Device:
             raise DeviceError("the device is not running")
         enter = self._entry(cwd)
         options.setdefault("start_new_session", True)
-        self._started = [process for process in self._started if process.poll() is None]
         try:
             return self._spawner.submit(self._spawn, argv, preexec_fn=enter,
                                         env=BASE_ENVIRONMENT if env is None else env,
@@ -253,6 +252,7 @@ class Device:
 
     def _spawn(self, argv: list[str], **options: Any) -> subprocess.Popen:
         process = subprocess.Popen(argv, **options)
+        self._started = [known for known in self._started if known.poll() is None]
         self._started.append(process)
         return process
 

@@ -50,14 +50,15 @@ def main() -> int:
     inside = here.is_relative_to(REPOSITORY)
     for number in _ENDING:
         signal.signal(number, _end)
-    with Network() as network, Device(network.device_fd, writable=arguments.writable) as device:
-        try:
+    try:
+        with Network() as network, Device(network.device_fd,
+                                          writable=arguments.writable) as device:
             process = device.popen(arguments.command, cwd=str(here) if inside else "/",
                                    env=_environment(), start_new_session=False)
-        except FileNotFoundError as error:
-            print(f"lab.exec: {error}", file=sys.stderr)
-            return 127
-        status = process.wait()
+            status = process.wait()
+    except (OSError, RuntimeError) as error:
+        print(f"lab.exec: {error}", file=sys.stderr)
+        return 127 if isinstance(error, FileNotFoundError) else 125
     return 128 - status if status < 0 else status
 
 

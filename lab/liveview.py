@@ -71,7 +71,7 @@ def describe(event: Event) -> Optional[tuple[str, str]]:
 def _describe_log(message: str) -> Optional[tuple[str, str]]:
     if message.startswith("Previous state "):
         number = message.rsplit(" ", 1)[-1]
-        name = STATES[int(number)] if number in "01234" else f"?? ({number})"
+        name = STATES[int(number)] if number in tuple("01234") else f"?? ({number})"
         return "state", f"state: {name}"
     if any(note in message for note in _LOG_NOTES):
         return "note", f"log: {short(message)}"

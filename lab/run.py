@@ -6,6 +6,7 @@ Ctrl-C (or q) ends it and leaves nothing behind.
 """
 
 import argparse
+import os
 import select
 import signal
 import sys
@@ -73,7 +74,8 @@ class _Keys:
             time.sleep(timeout)
             return ""
         if select.select([sys.stdin], [], [], timeout)[0]:
-            return sys.stdin.read(1)
+            # one key at a time and past the stream's buffer, which select does not see
+            return os.read(sys.stdin.fileno(), 1).decode(errors="replace") or "q"
         return ""
 
 
@@ -95,7 +97,7 @@ class _Session:
             return
         try:
             action()
-        except (AssertionError, OSError) as error:
+        except (AssertionError, OSError, RuntimeError) as error:
             self._printer.line(str(error).splitlines()[0], "bad", stamp=True)
 
     def _kill_connection(self) -> None:

@@ -1,5 +1,6 @@
 """The switch at the other end of the device's cable: hears its LLDP frames and answers them."""
 
+import contextlib
 import socket
 import struct
 from typing import Optional
@@ -77,7 +78,8 @@ class Switch:
             return
         self._journal.note("lldp", interface=name, frame=frame)
         if self.mode != "silent":
-            link.send(answer_frame(marked=self.mode == "marked"))
+            with contextlib.suppress(OSError):  # the link has just been cut
+                link.send(answer_frame(marked=self.mode == "marked"))
 
     def send(self, frame: bytes, interface: str = "eth0") -> None:
         """Sends any frame towards the device."""

@@ -1,6 +1,7 @@
 """A TLS server in the world, for those services that speak to the agent byte by byte."""
 
 import asyncio
+import ssl
 from typing import Awaitable, Callable, Optional
 
 from lab import network
@@ -45,7 +46,7 @@ class TlsServer:
         self._tasks.add(task)
         try:
             await self._converse(reader, writer)
-        except (asyncio.IncompleteReadError, ConnectionError, asyncio.CancelledError):
+        except (asyncio.IncompleteReadError, ConnectionError, ssl.SSLError, asyncio.CancelledError):
             pass
         finally:
             self._tasks.discard(task)

@@ -181,8 +181,8 @@ def test_run_until_registered(binary):
                            "--faketime", "+0 x20"], cwd=REPOSITORY, capture_output=True, text=True,
                           stdin=subprocess.DEVNULL, timeout=60, check=False)
     assert done.returncode == 0, done.stdout + done.stderr
-    assert 'agent ---> [100] {"msgType": 100, ' in done.stdout
-    assert "agent <--- [400] " in done.stdout
+    assert 'agent ---> 100 register: {"msgType": 100, ' in done.stdout
+    assert "agent <--- 400 register-success: " in done.stdout
     assert "\033" not in done.stdout, "no colours unless it is a terminal"
     assert "the device is registered\n" in done.stdout
 

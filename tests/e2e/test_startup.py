@@ -12,7 +12,8 @@ USAGE = "Usage: device-agent [-d <log level>] [-h]"
 
 def files(lab):
     """Every file that a start could touch."""
-    found = lab.device.run(["find", "/tmp", "/mnt/flash", "/var/log", "/var/tmp", "-type", "f"])
+    found = lab.device.run(["find", "/tmp", "/mnt/flash", "/var/log", "/var/tmp", "-xdev",
+                            "-type", "f"])  # the repository may be mounted below "/tmp"
     return set(found.stdout.split())
 
 
