@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,6 +18,20 @@
 #define MODULE "device-agent.c"
 
 static void usage(void) { LOG(LOG_FAILURE, "Usage: device-agent [-d <log level>] [-h]"); }
+
+/*
+ * Started without descriptors 0, 1 or 2, the agent would give their numbers to a socket or to the log, and
+ * what is printed would go there. Children inherit these three.
+ */
+static void hold_standard_descriptors(void)
+{
+    int fd;
+    do
+        fd = open("/dev/null", O_RDWR);
+    while (fd >= 0 && fd <= STDERR_FILENO);
+    if (fd >= 0)
+        close(fd);
+}
 
 /*
  * Nothing of the environment may steer where the agent connects or whom it trusts; and wherever it was
@@ -51,6 +66,7 @@ int main(int argc, char **argv)
     if (optind > argc)
         usage();
     else {
+        hold_standard_descriptors();
         signals_block();
         settle_environment();
         (void)start_device_agent(debug_level);

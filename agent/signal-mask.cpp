@@ -10,6 +10,11 @@ void signals_block(void)
     ignore.sa_handler = SIG_IGN;
     sigaction(SIGPIPE, &ignore, nullptr);
 
+    /* Inherited as ignored it would take the children's statuses away from us. */
+    struct sigaction child = {};
+    child.sa_handler = SIG_DFL;
+    sigaction(SIGCHLD, &child, nullptr);
+
     sigset_t ours;
     sigemptyset(&ours);
     for (int number : our_signals)

@@ -7,7 +7,8 @@
 
 #include <signal.h>
 
-/* Blocks the three signals and ignores SIGPIPE; remembers the mask that lets them in. Called first of all. */
+/* Blocks the three signals, ignores SIGPIPE, gives SIGCHLD its default; remembers the mask that lets them in.
+ * Called first of all. */
 void signals_block(void);
 
 /* The mask for pselect(2): the one the process was started with, without the three signals. */

@@ -1,5 +1,6 @@
 #include "agent/signals.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
@@ -33,6 +34,7 @@ static void sighandler(int number)
 {
     if (leaving)
         return;
+    int saved_errno = errno; /* the wait that is interrupted looks at it */
     LOG(LOG_NOTABLE, "sighandler invoked, signal  %d", number);
     if (number == SIGTERM)
         leave();
@@ -40,6 +42,7 @@ static void sighandler(int number)
         rediscover();
     else if (number == SIGHUP)
         da.debug_level = da.debug_level < LOG_TRACE ? da.debug_level + 1 : LOG_FAILURE;
+    errno = saved_errno;
 }
 
 void platform_init_signal_handler(void)

@@ -3,18 +3,16 @@
 #include <cstdio>
 #include <string>
 
-#include <fcntl.h>
 #include <libwebsockets.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include "agent/da.h"
 #include "agent/debug-log.h"
 #include "agent/enter-state.h"
+#include "agent/ev.h"
 #include "agent/hooks.h"
 #include "agent/lws-log.h"
 #include "agent/named-timer.h"
-#include "agent/owners.h"
 #include "agent/signals.h"
 #include "agent/state-file.h"
 #include "agent/text.h"
@@ -22,6 +20,7 @@
 #include "agent/wiring.h"
 #include "discovery/https-client.h"
 #include "platform/connection-status.h"
+#include "platform/heartbeat.h"
 #include "platform/identity.h"
 
 #define MODULE "device-agent.c"
@@ -37,8 +36,6 @@ static void aggr_mode_timeout_cb(void *name);
 
 static named_timer da_alive_timer = {"DA ALIVE", da_alive_cb, nullptr};
 static named_timer aggressive_timer = {"AGGRESSIVE MODE", aggr_mode_timeout_cb, nullptr};
-
-void platform_update_heartbeat(void) { (void)utimes(HEARTBEAT_FILE, nullptr); }
 
 static void da_alive_cb(void *)
 {
@@ -84,11 +81,6 @@ static void count_restart(void)
     (void)replace_file(RESTARTS_FILE, std::to_string(int64_t{restarts} + 1));
 }
 
-static void create_heartbeat(void)
-{
-    fd_guard file(open(HEARTBEAT_FILE, O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
-}
-
 int start_device_agent(int debug_level)
 {
     install_hooks();
@@ -108,7 +100,7 @@ int start_device_agent(int debug_level)
     call_hook(hooks.platform_event_listener);
     da_enter_state(DA_STATE_IDLE);
     call_hook(hooks.device_agent_msg_from_wifid_callback_init);
-    create_heartbeat();
+    platform_create_heartbeat();
     timer_arm(da_alive_timer, HEARTBEAT_PERIOD);
     for (;;)
         ev_main();

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netdb.h>
 #include <openssl/err.h>
 #include <openssl/rand.h>
@@ -85,9 +86,15 @@ void read_file(FILE *stream, char *buffer, size_t n)
 int read_value_file(const char *path, char *buffer, size_t n)
 {
     buffer[0] = '\0';
-    file_ptr file(fopen(path, "re"));
+    /* Somebody else's pipe in "/tmp" must not stop the agent: it would wait for a writer for ever. */
+    fd_guard fd(open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    struct stat status;
+    if (fd.fd < 0 || fstat(fd.fd, &status) != 0 || !S_ISREG(status.st_mode))
+        return -1;
+    file_ptr file(fdopen(fd.fd, "r"));
     if (!file)
         return -1;
+    (void)fd.release();
     read_file(file.get(), buffer, n);
     return 0;
 }

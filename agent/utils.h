@@ -38,6 +38,6 @@ uint32_t random_number(uint32_t n);
  */
 void read_file(FILE *stream, char *buffer, size_t n);
 
-/* Opens and reads a value file as read_file does. Returns -1, with an empty buffer, when it cannot be opened.
- */
+/* Opens and reads a value file as read_file does. Returns -1, with an empty buffer, when it cannot be opened
+ * or is no plain file. */
 int read_value_file(const char *path, char *buffer, size_t n);

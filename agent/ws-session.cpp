@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <deque>
+#include <new>
 #include <string>
 #include <utility>
 
@@ -127,7 +128,7 @@ static void on_load_certificates(void *ssl_context)
 static void log_refusal(lws *wsi)
 {
     unsigned int status = lws_http_client_http_response(wsi);
-    char text[128] = "";
+    char text[1024] = "";
     if (status != 0 && status != 101 && lws_hdr_copy(wsi, text, sizeof(text), WSI_TOKEN_HTTP) > 0)
         LOG(LOG_FAILURE, "Websocket rejected by server %s", text);
 }
@@ -148,11 +149,17 @@ static int on_receive(lws *wsi, const char *in, size_t len)
     LOG(LOG_TRACE, "rx %d [%.*s]", length, length, in ? in : "");
     size_t remaining = lws_remaining_packet_payload(wsi);
     LOG(LOG_TRACE, "PayLoad remaining is %d", clamp_to_int32(static_cast<int64_t>(remaining)));
-    std::string message;
-    rx_result result = ws_rx_piece(in, len, remaining, lws_is_final_fragment(wsi) != 0, &message);
-    if (result == RX_COMPLETE)
-        note(SESSION_MESSAGE, std::move(message));
-    return result == RX_FAILED ? -1 : 0;
+    try {
+        std::string message;
+        rx_result result = ws_rx_piece(in, len, remaining, lws_is_final_fragment(wsi) != 0, &message);
+        if (result == RX_COMPLETE)
+            note(SESSION_MESSAGE, std::move(message));
+        return result == RX_FAILED ? -1 : 0;
+    } catch (const std::bad_alloc &) { /* it must not fly through the library */
+        ws_rx_reset();
+        LOG(LOG_FAILURE, "Not able  to allocate memory for payload , return error");
+        return -1;
+    }
 }
 
 static int on_writable(void)

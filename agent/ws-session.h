@@ -1,6 +1,7 @@
 /*
  * The websocket session: what the library reports about the connection, and the loop's callback that lets the
- * library work. The library's callback only notes what happened; it is acted upon, in order, when the library
+ * library work. The library's callback only notes what happened (and writes frames when it
+ * is the writable one); it is acted upon, in order, when the library
  * has returned, so no message handler, child or signal ever runs inside it.
  */
 #pragma once

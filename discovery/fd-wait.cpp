@@ -7,6 +7,7 @@
 #include "agent/da.h"
 #include "agent/ev.h"
 #include "agent/signal-mask.h"
+#include "platform/heartbeat.h"
 
 static const int64_t NANOSECONDS = 1000000000;
 
@@ -40,6 +41,7 @@ wait_outcome wait_for_fd(int fd, uint32_t event, int64_t deadline)
         return WAIT_FAILED;
     }
     uint32_t generation = state_generation;
+    platform_update_heartbeat(); /* a whole exchange may take minutes; each of its waits is bounded */
     for (;;) {
         int64_t remaining = deadline - now();
         if (remaining <= 0)

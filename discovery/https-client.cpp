@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "agent/da.h"
 #include "agent/debug-log.h"
 #include "agent/fatal.h"
 #include "agent/text.h"
@@ -15,14 +16,15 @@
 
 #define MODULE "https-client.c"
 
-static ssl_ctx_ptr ctx;
+static SSL_CTX *ctx; /* lives as long as the process */
 
 /* The host of the current exchange: the context's certificate check reads it. */
 static char last_router_host[128];
 
 void https_client_init(void)
 {
-    ctx = tls_make_context(last_router_host);
+    SSL_CTX_free(ctx); /* null, except where a test starts again */
+    ctx = tls_make_context(last_router_host).release();
     if (!ctx)
         LOG(LOG_FAILURE, "SSL ctx initialization failed ");
     fatal_assert(ctx);
@@ -67,11 +69,19 @@ static int receive_body(SSL *ssl, const onboarding_response *response, const onb
     return result;
 }
 
+static int exchange_failed(const onboarding_response *response, int result, int error)
+{
+    LOG(LOG_FAILURE, "%s: max_tries %d, ret %d , error %d", "get_from_orvrouter", response->max_tries, result,
+        error);
+    return -1;
+}
+
 /* Everything from the header part on. Returns 0 when the exchange succeeded. */
 static int receive_answer(SSL *ssl, onboarding_response *response, onboarding_answer *answer)
 {
+    uint32_t generation = state_generation;
     if (read_response_header(ssl, response) != 0)
-        return -1;
+        return state_generation == generation ? exchange_failed(response, -1, 0) : -1;
     int result = examine_header(response, answer);
     int error = answer->redirect ? 0 : 1;
 
@@ -92,9 +102,7 @@ static int receive_answer(SSL *ssl, onboarding_response *response, onboarding_an
     }
     if (response->max_tries < ORV_RESPONSE_WAITS && result >= 0 && error == 0)
         return 0;
-    LOG(LOG_FAILURE, "%s: max_tries %d, ret %d , error %d", "get_from_orvrouter", response->max_tries, result,
-        error);
-    return -1;
+    return exchange_failed(response, result, error);
 }
 
 int get_from_orvrouter(const char *host, int32_t port, char *response, const char **location,
@@ -113,13 +121,15 @@ int get_from_orvrouter(const char *host, int32_t port, char *response, const cha
         return -1;
     LOG(LOG_TRACE, "TCP connection is successful");
 
-    ssl_ptr ssl = tls_make_session(ctx.get(), sock.fd, host, port); /* freed before the socket closes */
+    ssl_ptr ssl = tls_make_session(ctx, sock.fd, host, port); /* freed before the socket closes */
     if (!ssl || tls_handshake(ssl.get()) != 0 || tls_write(ssl.get(), request) != 0)
         return -1;
     onboarding_response received = {response, 0, response, 0};
     onboarding_answer answer = {location, location_length, cookie, cookie_length, false, false};
     if (receive_answer(ssl.get(), &received, &answer) != 0)
         return -1;
+    ssl.reset();
+    close(sock.release());
     platform_find_parent_mac();
     return 0;
 }

@@ -71,8 +71,10 @@ static int finish_handshake(SSL *ssl)
     for (;;) {
         ERR_clear_error();
         int result = SSL_connect(ssl);
-        if (result == 1)
+        if (result == 1) {
+            ERR_clear_error(); /* tolerated findings of the certificate check */
             return 0;
+        }
         int error = verdict(ssl, result);
         if (error != SSL_ERROR_WANT_READ && error != SSL_ERROR_WANT_WRITE) {
             LOG(LOG_FAILURE, "SSL_connect Not successful %d", error);

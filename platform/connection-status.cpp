@@ -1,6 +1,7 @@
 #include "platform/connection-status.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <string>
 
 #include "agent/da.h"
@@ -111,9 +112,9 @@ static void apply_status(int32_t code)
 }
 
 /*
- * The file is replaced in one step, so "cannot be opened for writing" shows only when the new text is ready.
- * No text depends on what apply_status changes; it comes last, so that an unwritable file changes nothing,
- * and so that whoever is woken by the message to the Wi-Fi daemon reads the new status.
+ * The file is replaced in one step, so that it cannot be opened for writing shows only when the new text is
+ * ready; then nothing else changes. Where there is merely no room for the text, the device must still get to
+ * know the state: the Wi-Fi daemon is told and the timers run.
  */
 int platform_set_orv_connection_state(int32_t code, const char *detail)
 {
@@ -121,14 +122,16 @@ int platform_set_orv_connection_state(int32_t code, const char *detail)
         LOG(LOG_FAILURE, "%s: No such Connection_state (%d)", "platform_set_orv_connection_state", code);
         return -1;
     }
-    if (replace_file(ORV_STATE_FILE, status_text(code, detail)) != 0) {
+    int result = replace_file(ORV_STATE_FILE, status_text(code, detail));
+    int reason = errno;
+    if (result != 0)
         LOG(LOG_FAILURE, "Unable to open orv_state file for writing");
+    if (result != 0 && reason != ENOSPC && reason != EDQUOT && reason != EIO)
         return -1;
-    }
     LOG(LOG_EVENT, "%s: New Connection_state %s(%d)", "platform_set_orv_connection_state",
         orv_state_str[code], code);
     apply_status(code);
-    return 0;
+    return result;
 }
 
 /* ---- timers ---- */

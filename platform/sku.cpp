@@ -22,6 +22,8 @@ static const sku_entry any_other = {0, "", "Vireo Lattice", "Lattice", "Heron", 
 
 const sku_entry &find_sku(int sku, const char *device_model)
 {
+    if (!device_model) /* a maker's library may have none */
+        device_model = "";
     for (const sku_entry &row : sku_table)
         if (row.sku == sku && strncmp(device_model, row.model_start, strlen(row.model_start)) == 0)
             return row;

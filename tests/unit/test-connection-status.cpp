@@ -5,6 +5,7 @@
 #include <memory>
 
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
@@ -297,6 +298,19 @@ TEST_F(connection_status, an_unwritable_file_is_logged_and_changes_nothing)
     EXPECT_EQ(wifid->receive(), "(nothing)");
     EXPECT_EQ(platform_set_orv_connection_state(ORV_RESOLVING_URL, nullptr), -1);
     EXPECT_EQ(ev_count_timers(), 0);
+}
+
+TEST_F(connection_status, a_full_medium_keeps_the_old_text_but_not_the_device_in_the_dark)
+{
+    ASSERT_EQ(mount("tmpfs", "/tmp", "tmpfs", 0, "size=16k"), 0);
+    EXPECT_EQ(platform_set_orv_connection_state(ORV_CONNECTING, nullptr), 0);
+    EXPECT_NE(system("cat /dev/zero > /tmp/fill 2>/dev/null"), 0);
+    orv_state_action_pending = 1;
+    EXPECT_EQ(platform_set_orv_connection_state(ORV_NOT_CONNECTED, nullptr), -1);
+    EXPECT_EQ(file_text(ORV_STATE_FILE), "Connecting");
+    EXPECT_EQ(orv_state_action_pending, 0);
+    EXPECT_EQ(wifid->receive(), std::string("\x02") + "{\"status\": 0}");
+    EXPECT_EQ(umount("/tmp"), 0);
 }
 
 TEST_F(connection_status, a_link_in_its_place_is_replaced_not_followed)

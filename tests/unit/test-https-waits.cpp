@@ -19,6 +19,7 @@ TEST_F(https_waits_test, a_server_that_never_answers)
     EXPECT_EQ(std::vector<long>(10, 6), std::vector<long>(wait_seconds.end() - 10, wait_seconds.end()));
     EXPECT_TRUE(was_logged("Wait for headers from router,max_tries =9"));
     EXPECT_TRUE(was_logged("Not able to find end of headers, even after 10 reads, so exiting, ret = 0"));
+    EXPECT_TRUE(was_logged("get_from_orvrouter: max_tries 10, ret -1 , error 0"));
 }
 
 TEST_F(https_waits_test, a_header_that_never_ends)

@@ -118,6 +118,19 @@ TEST_F(registration_test, an_acceptance_ends_the_waiting)
     EXPECT_EQ(da.state, DA_STATE_CONNECTED);
 }
 
+TEST_F(registration_test, an_answer_between_the_time_out_and_the_next_attempt_is_an_answer)
+{
+    connect_agent(true);
+    drain();
+    int took = seconds_until([] { return da.register_sent == 0; });
+    EXPECT_GE(took, 60);
+    answer("{\"msgType\": 400}");
+    EXPECT_EQ(da.registered, 1);
+    run_seconds(10);
+    EXPECT_EQ(registers(), 1);
+    EXPECT_EQ(close_reason_on_wire(), "");
+}
+
 TEST_F(registration_test, a_refusal_is_followed_by_another_register_after_10_seconds)
 {
     connect_agent(true);

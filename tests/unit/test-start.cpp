@@ -20,6 +20,7 @@
 #include "agent/hooks.h"
 #include "agent/wiring.h"
 #include "platform/connection-status.h"
+#include "platform/heartbeat.h"
 #include "tests/unit/fake-clock.h"
 #include "tests/unit/support.h"
 

@@ -167,6 +167,15 @@ static std::string read_back(const std::string &content, size_t n)
     return buffer.c_str();
 }
 
+TEST_F(utils, a_pipe_in_the_place_of_a_value_does_not_stop_the_agent)
+{
+    char buffer[16] = "before";
+    unlink("/tmp/pipe");
+    ASSERT_EQ(mkfifo("/tmp/pipe", 0666), 0);
+    EXPECT_EQ(read_value_file("/tmp/pipe", buffer, 15), -1);
+    EXPECT_STREQ(buffer, "");
+}
+
 TEST_F(utils, a_value_loses_one_newline)
 {
     EXPECT_EQ(read_back("12\n", 15), "12");
