@@ -94,5 +94,8 @@ extern int32_t orv_state_action_pending; /* a status that must stay on display i
 /* The host the onboarding was asked at, shown as "Connected to ...". */
 extern char g_orv_router[256];
 
-/* Puts the record and the variables back to what they are at start. */
+/*
+ * Zeroes the record and sets its defaults and idle_timeout. The other variables keep their values: what -s
+ * and -i set came first.
+ */
 void da_reset(void);

@@ -5,9 +5,11 @@
 
 #include "agent/debug-log.h"
 
+#define MODULE "device-agent.c"
+
 void fatal_assert_failed(const char *condition, const char *function, const char *file, int line)
 {
-    debug_log("device-agent.c", line, 0, "%s: Assertion `%s' failed", function, condition);
+    debug_log(MODULE, line, 0, "%s: Assertion `%s' failed", function, condition);
     fprintf(stderr, "%s:%d: %s: Assertion `%s' failed.\n", file, line, function, condition);
     abort();
 }

@@ -1,7 +1,10 @@
 #include "agent/named-timer.h"
 
+#include "agent/fatal.h"
+
 void timer_arm(named_timer &timer, int32_t seconds)
 {
+    fatal_assert(timer.callback);
     timer_disarm(timer);
     timer.handle = ev_add_timer(timer.callback, const_cast<char *>(timer.name), seconds, 0);
 }

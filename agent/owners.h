@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <memory>
 
-#include <dirent.h>
 #include <jansson.h>
 #include <netdb.h>
 #include <openssl/ssl.h>

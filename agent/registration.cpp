@@ -94,6 +94,7 @@ void registration_answered(void)
 {
     register_attempts = 0;
     timer_disarm(register_wait_timer);
+    timer_disarm(register_delay_timer); /* an answer at the last moment is an answer */
 }
 
 void retry_registration(void)

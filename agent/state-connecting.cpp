@@ -68,8 +68,8 @@ void enter_connecting(void)
         connect_timer.callback = lws_connect_timeout_cb;
         timer_arm(connect_timer, CONNECT_TIMEOUT);
     } else {
-        LOG(LOG_FAILURE, "Not able to establish connection with Orvanta");
         ws_handle_events(); /* the library's reason, noted inside the call */
+        LOG(LOG_FAILURE, "Not able to establish connection with Orvanta");
         schedule_reconnect();
     }
 }

@@ -43,7 +43,7 @@ static bool is_sendable(const char *device_id)
     for (const char *at = device_id; *at; at++)
         if (*at <= ' ' || *at >= 0x7F)
             return false;
-    return *device_id != '\0';
+    return true;
 }
 
 /* Host, port and path with query, ready for the websocket. */
@@ -54,7 +54,9 @@ static void set_target(const parsed_url &url)
     copy_text(ws_target.host, url.host);
     ws_target.port = url.port[0] ? text_to_int(url.port) : HTTPS_PORT;
     std::string path_and_query = std::string(path) + "?mac=" + mac;
-    if (is_sendable(da.deviceId) && !da.dhcp15_allowed)
+    if (!is_sendable(da.deviceId))
+        LOG(LOG_FAILURE, "%s: deviceId cannot be sent, left out", "da_enter_state");
+    else if (da.deviceId[0] && !da.dhcp15_allowed)
         path_and_query += std::string("&deviceId=") + da.deviceId;
     copy_text(ws_target.path, path_and_query.c_str());
 }

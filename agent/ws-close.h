@@ -8,8 +8,9 @@
 
 /*
  * Sends a close frame with status 1000 and the reason (at most 123 bytes, RFC 6455 5.5), and remembers the
- * reason on flash while connected. The frame is on the wire when the call returns. Returns 0 or -1. Nothing
- * may be sent behind it; the closure is reported by the library, or see expect_closure.
+ * reason on flash while connected. The frame is on the wire when the call
+ * returns, if the socket takes it; inside the writable callback it follows the return of -1. Returns 0 or -1.
+ * Nothing may be sent behind it; the closure is reported by the library, or see expect_closure.
  */
 int send_close_frame_to_orvanta(const char *reason, size_t len);
 

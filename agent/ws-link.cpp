@@ -28,6 +28,9 @@ static lws_retry_bo_t idle_policy() /* validity pings of the library: practicall
 }
 static const lws_retry_bo_t no_validity_pings = idle_policy();
 
+/* How often the library is served again for bytes that TLS has decrypted, in one pass of the loop. */
+enum { DRAIN_ROUNDS = 16 };
+
 /* The library asks for room for its own wake-up pipe too; a small table saves 320 KiB. */
 enum { LIBRARY_DESCRIPTORS = 8 };
 
@@ -85,6 +88,10 @@ int ws_create_context(void)
 static void follow_descriptor(void)
 {
     int32_t fd = ws.wsi ? static_cast<int32_t>(lws_get_socket_fd(ws.wsi)) : -1;
+    /*
+     * A host's next address may get the number of the one before: that it is to be watched for writing again
+     * goes unseen, and "LWS SERVICE" finds within seconds that it has connected.
+     */
     if (fd == ws.websock_fd)
         return;
     if (ws.websock_fd != -1) {
@@ -214,7 +221,7 @@ void ws_serve_library(void)
     lws_service(ws.context, -1);
     lws_service(ws.context, -1);
     /* Bounded: a peer that sends without end must not keep the loop here. */
-    for (int i = 0; i < 16 && lws_service_adjust_timeout(ws.context, 1, 0) == 0; i++)
+    for (int i = 0; i < DRAIN_ROUNDS && lws_service_adjust_timeout(ws.context, 1, 0) == 0; i++)
         lws_service(ws.context, -1);
     ws.in_library = false;
     follow_descriptor();
