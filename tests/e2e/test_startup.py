@@ -46,6 +46,28 @@ def test_the_files_of_a_first_start(start):
     lab.log.wait("AccountId unavailable")
 
 
+def test_started_without_standard_descriptors(lab, binary):
+    """Their numbers must not go to a socket or to the log."""
+    agent = lab.device.popen(["sh", "-c", f"exec {binary} -d 3 -i <&- >&- 2>&-"])
+    try:
+        lab.log.wait("Device-agent started (0)")
+        assert [os.readlink(f"/proc/{agent.pid}/fd/{fd}") for fd in range(3)] == ["/dev/null"] * 3
+        log = lab.device.read_text("/var/log/device-agent.log")
+        assert log.count("Device-agent started (0)") == 1
+    finally:
+        agent.kill()
+        agent.wait()
+
+
+def test_a_pipe_in_the_place_of_the_restart_count(lab, start):
+    """Anybody can lay one into "/tmp"; the start must not wait for its writer."""
+    lab.device.run(["mkfifo", "/tmp/restarts"], check=True)
+    start()
+    lab.log.wait("Device-agent started (0)")
+    lab.wait_registered()
+    assert lab.device.read_text("/tmp/restarts") == "1"
+
+
 def test_the_status_shown_on_the_way(start):
     lab = start(faketime="")
     lab.log.wait("New Connection_state Not Connected(0)")
