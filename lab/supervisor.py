@@ -76,7 +76,7 @@ class Supervisor:
               faketime: str = "") -> None:
         """Starts the agent and watches over it from now on.
 
-        `faketime` is a specification such as "+0 x10": its clock then runs that much faster.
+        `faketime` is a setting such as "+0 x10": its clock then runs that much faster.
         """
         if self._thread is not None:
             raise AssertionError("the agent is already being supervised")
