@@ -12,9 +12,20 @@
  * failure. */
 enum {
     MSG_REGISTER = 100,
+    MSG_SW_UPGRADE_RSP = 401,
+    MSG_REBOOT_RSP = 402,
+    MSG_CONFIG_UPDATE_RSP = 406,
+    MSG_CONFIG_PULL_RSP = 407,
     MSG_MANAGED_INFO_RSP = 408,
+    MSG_EXEC_CMD_RSP = 409,
+    MSG_EXEC_STOP_RSP = 410,
     MSG_LOCATE_RSP = 415,
     MSG_DEV_INFO_RSP = 423,
+    MSG_CONFIG_CHANGED = 698,
+    MSG_TRAP = 699,
+    MSG_SW_UPGRADE_FAILURE = 701,
+    MSG_EXEC_CMD_FAILURE = 709,
+    MSG_EXEC_STOP_FAILURE = 710,
     MSG_FAILURE = 999, /* answers a message whose type could not be read */
 };
 

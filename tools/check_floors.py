@@ -24,8 +24,8 @@ FLOORS = [
         "agent/ws-session", "agent/ws-target", "agent/ws-timers",
     ]),
     ("messages", [
-        "protocol/device-info", "protocol/error-codes", "protocol/managed-info", "protocol/message",
-        "protocol/received", "protocol/register", "protocol/session-id",
+        "protocol/device-info", "protocol/directives", "protocol/error-codes", "protocol/managed-info",
+        "protocol/message", "protocol/received", "protocol/register", "protocol/replies", "protocol/session-id",
     ]),
     ("jobs", ["operations/", "stats/"]),
     ("state machine", [
