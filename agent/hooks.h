@@ -25,9 +25,8 @@ struct agent_hooks {
     void (*platform_cancel_cfg_restore)(void); /* the connection proved alive */
 
     /* messages */
-    int32_t (*sw_update_state)(void);         /* "swUpdateState" of REGISTER */
-    void (*stop_fw_dl_process)(void);         /* ends a running firmware download */
-    void (*set_system_time)(int64_t seconds); /* seconds since the epoch */
+    int32_t (*sw_update_state)(void); /* "swUpdateState" of REGISTER */
+    void (*stop_fw_dl_process)(void); /* ends a running firmware download */
 
     /* state machine */
     void (*platform_restore_cfg)(void); /* back to the last good configuration */

@@ -11,6 +11,7 @@
 #include "platform/connection-status.h"
 #include "platform/locate.h"
 #include "protocol/device-info.h"
+#include "protocol/directives.h"
 #include "protocol/error-codes.h"
 #include "protocol/managed-info.h"
 #include "protocol/message.h"
@@ -61,13 +62,19 @@ struct message_row {
 
 /* In the order of the type numbers. A type without a row is unknown. */
 static const message_row catalogue[] = {
+    {MSG_REBOOT_CMD, LOG_EVENT, "%s: MSG_REBOOT_CMD received", parse_reboot_request, 702, MSG_REBOOT_RSP,
+     "%s: MSG_REBOOT_CMD_REQUEST Complete"},
     {MSG_MANAGED_INFO, LOG_TRACE, "%s:MSG_MANAGED_INFO received", parse_managed_info, 708,
      MSG_MANAGED_INFO_RSP, "%s:MSG_MANAGED_INFO Complete"},
     {MSG_LOCATE_CMD, LOG_EVENT, "%s: MSG_LOCATE_CMD received", locate, 715, MSG_LOCATE_RSP,
      "%s: MSG_LOCATE_CMD_REQUEST Complete"},
+    {MSG_INTVL_UPDATE_CMD_REQUEST, LOG_TRACE, "%s: MSG_INTVL_UPDATE_CMD_REQUEST received",
+     parse_and_apply_retry_intvls, 717, 0, nullptr},
     {MSG_DEV_INFO_REQUEST, LOG_TRACE, "%s:MSG_DEV_INFO_REQUEST received", device_info_request, 723, 0,
      nullptr},
     {MSG_REGISTER_SUCCESS, LOG_EVENT, "%s: MSG_REGISTER_SUCCESS received", register_success, 0, 0, nullptr},
+    {MSG_ORVANTA_CONNECT_STATUS, LOG_TRACE, "%s: MSG_ORVANTA_CONNECT_STATUS received",
+     parse_and_apply_orvanta_status, MSG_FAILURE, 0, nullptr},
     {MSG_REGISTER_FAILED, LOG_EVENT, "%s: MSG_REGISTER_FAILED received", register_failed, 700, 0, nullptr},
 };
 

@@ -7,10 +7,13 @@
 
 /* The types that have a handler in this build. */
 enum {
+    MSG_REBOOT_CMD = 102,
     MSG_MANAGED_INFO = 108,
     MSG_LOCATE_CMD = 115,
+    MSG_INTVL_UPDATE_CMD_REQUEST = 117,
     MSG_DEV_INFO_REQUEST = 123,
     MSG_REGISTER_SUCCESS = 400,
+    MSG_ORVANTA_CONNECT_STATUS = 697,
     MSG_REGISTER_FAILED = 700,
 };
 

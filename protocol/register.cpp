@@ -8,6 +8,7 @@
 #include "device/tavosutils.h"
 #include "platform/identity.h"
 #include "platform/state-files.h"
+#include "protocol/directives.h"
 #include "protocol/error-codes.h"
 #include "protocol/message.h"
 #include "protocol/received.h"
@@ -74,7 +75,7 @@ static int accept_registration(const json_t *obj)
     int64_t controller_time = json_integer_value(json_object_get(obj, "orvTime"));
     if (controller_time != 0 && platform_ntp_configured() == -1) {
         LOG(LOG_TRACE, "%s: set device time", "parse_register_response");
-        call_hook(hooks.set_system_time, controller_time);
+        (void)set_system_time(controller_time);
     }
     return NO_ERROR;
 }

@@ -77,6 +77,26 @@ bool was_logged(const std::string &message)
     });
 }
 
+/* The recorder ends each argument with US and each call with RS US. */
+std::vector<std::string> recorded(const std::string &tool)
+{
+    std::vector<std::string> calls;
+    std::string call;
+    for (char c : file_text("/run/lab/records/" + tool)) {
+        if (c == '\x1e') {
+            calls.push_back(call.substr(0, call.find_last_not_of(' ') + 1));
+            call.clear();
+        } else if (c != '\x1f') {
+            call += c;
+        } else if (!call.empty()) {
+            call += ' ';
+        }
+    }
+    return calls;
+}
+
+void clear_recorded(const std::string &tool) { std::filesystem::remove("/run/lab/records/" + tool); }
+
 void fresh_agent(void)
 {
     ev_reset();

@@ -26,6 +26,13 @@ void clear_log(void);
 /* True when a message (without the module) was logged exactly so. */
 bool was_logged(const std::string &message);
 
+/*
+ * The calls so far of a device tool that the sandbox records ("date", "clish", "shutdown.sh"...), each its
+ * arguments with blanks between; and forgetting them.
+ */
+std::vector<std::string> recorded(const std::string &tool);
+void clear_recorded(const std::string &tool);
+
 /* Puts the agent's record, loop, hooks and log back to the state of a fresh process, with debug_level 3. */
 void fresh_agent(void);
 

@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "protocol/directives.h"
 #include "protocol/error-codes.h"
 #include "tests/unit/connection-test.h"
 #include "tests/unit/fake-device.h"
@@ -160,6 +161,36 @@ TEST_F(dispatcher_test, locate_runs_the_tool_and_is_always_answered)
     EXPECT_EQ(take_one_queued(), "{\"msgType\": 415}") << "a device without the tool too";
 }
 
+/* ---- 102, 117, 697 ---- */
+
+TEST_F(dispatcher_test, a_reboot_is_accepted_at_once)
+{
+    EXPECT_EQ(handle("{\"msgType\": 102}"), 0);
+    EXPECT_EQ(take_one_queued(), "{\"msgType\": 402}");
+    EXPECT_EQ(ev_count_timers(), 1) << "REBOOT";
+    directives_reset();
+}
+
+TEST_F(dispatcher_test, retry_intervals_are_answered_only_when_refused)
+{
+    EXPECT_EQ(handle("{\"msgType\": 117, \"waitTime\": 600, \"deltaTime\": 30}"), 0);
+    EXPECT_EQ(txq, nullptr);
+    EXPECT_EQ(handle("{\"msgType\": 117, \"waitTime\": 700}"), 1);
+    EXPECT_EQ(take_one_queued(),
+              "{\"msgType\": 717, \"code\": \"BadRequest\", \"message\": \"Invalid deltaTime received\"}");
+    EXPECT_EQ(da.reconnect_wait, 700);
+}
+
+TEST_F(dispatcher_test, a_refused_status_text_is_answered_with_999)
+{
+    EXPECT_EQ(handle("{\"msgType\": 697, \"Orvanta\": {\"status\": \"Up for approval\"}}"), 0);
+    EXPECT_EQ(txq, nullptr);
+    EXPECT_EQ(file_text(ORV_STATE_FILE), "Up for approval");
+    EXPECT_EQ(handle("{\"msgType\": 697, \"Orvanta\": {\"status\": 5}}"), 1);
+    EXPECT_EQ(take_one_queued(),
+              "{\"msgType\": 999, \"code\": \"BadRequest\", \"message\": \"Invalid status received\"}");
+}
+
 /* ---- 123 ---- */
 
 TEST_F(dispatcher_test, device_information_is_its_own_answer)
@@ -174,13 +205,12 @@ TEST_F(dispatcher_test, device_information_is_its_own_answer)
 
 TEST_F(dispatcher_test, an_acceptance)
 {
-    static int64_t set_time;
-    set_time = 0;
-    hooks.set_system_time = [](int64_t seconds) { set_time = seconds; };
+    setenv("TZ", "UTC0", 1);
+    clear_recorded("date");
     start_cfg_restore_timer();
     EXPECT_EQ(handle("{\"msgType\": 400, \"orvTime\": 1700000000}"), 0);
     EXPECT_EQ(da.registered, 1);
-    EXPECT_EQ(set_time, 1700000000);
+    EXPECT_EQ(recorded("date"), std::vector<std::string>{"2023.11.14-22:13:20"});
     EXPECT_EQ(file_text(ORV_STATE_FILE), "Device Approval Pending");
     EXPECT_TRUE(was_logged("handle_orv_msg: MSG_REGISTER_SUCCESS received"));
     EXPECT_TRUE(was_logged("Got connected 'back' after CFG_UPDATE, deleting the cfg_restore_timer"));
@@ -212,9 +242,13 @@ TEST_F(dispatcher_test, received_lines_have_their_levels)
 {
     static const level_row rows[] = {
         {"108", "handle_orv_msg:MSG_MANAGED_INFO received", 3},
+        {"102", "handle_orv_msg: MSG_REBOOT_CMD received", 2},
+        {"102", "handle_orv_msg: MSG_REBOOT_CMD_REQUEST Complete", 2},
         {"115", "handle_orv_msg: MSG_LOCATE_CMD received", 2},
+        {"117", "handle_orv_msg: MSG_INTVL_UPDATE_CMD_REQUEST received", 3},
         {"123", "handle_orv_msg:MSG_DEV_INFO_REQUEST received", 3},
         {"400", "handle_orv_msg: MSG_REGISTER_SUCCESS received", 2},
+        {"697", "handle_orv_msg: MSG_ORVANTA_CONNECT_STATUS received", 3},
         {"700", "handle_orv_msg: MSG_REGISTER_FAILED received", 2},
         {"116", "handle_orv_msg: UNKNOWN message 116 received from Orvanta", 0},
     };

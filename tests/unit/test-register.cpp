@@ -12,7 +12,6 @@
 #include "tests/unit/queued.h"
 
 static std::vector<std::string> calls;
-static int64_t set_time;
 
 class register_test : public connection_test {
 protected:
@@ -21,8 +20,8 @@ protected:
         connection_test::SetUp();
         device = fake_device();
         calls.clear();
-        set_time = 0;
-        hooks.set_system_time = [](int64_t seconds) { set_time = seconds; };
+        setenv("TZ", "UTC0", 1);
+        clear_recorded("date");
         da.state = DA_STATE_CONNECTED;
         write_file("/tmp/session_id", "123456789");
         write_file(CONFVER_FILE, "17\n");
@@ -148,24 +147,27 @@ static int answer(int32_t msgType, const char *text)
     return parse_register_response(msgType, obj.get(), error_string);
 }
 
+using times = std::vector<std::string>; /* what date(1) was told, call by call */
+
 TEST_F(register_test, a_device_without_ntp_takes_the_controllers_time)
 {
     EXPECT_EQ(answer(400, "{\"msgType\": 400, \"orvTime\": 1700000000}"), 0);
-    EXPECT_EQ(set_time, 1700000000);
+    EXPECT_EQ(recorded("date"), times{"2023.11.14-22:13:20"});
     EXPECT_TRUE(was_logged("parse_register_response: set device time"));
+    clear_recorded("date");
     EXPECT_EQ(answer(400, "{\"orvTime\": 5000000000}"), 0);
-    EXPECT_EQ(set_time, 5000000000) << "64 bits";
+    EXPECT_EQ(recorded("date"), times{"2128.06.11-08:53:20"}) << "64 bits";
 }
 
 TEST_F(register_test, a_device_with_ntp_keeps_its_own_clock)
 {
     device.items["ntp_server"] = "pool.ntp.example";
     EXPECT_EQ(answer(400, "{\"orvTime\": 1700000000}"), 0);
-    EXPECT_EQ(set_time, 0);
+    EXPECT_EQ(recorded("date"), times{});
     EXPECT_FALSE(was_logged("parse_register_response: set device time"));
     device.items["ntp_server"] = "";
     EXPECT_EQ(answer(400, "{\"orvTime\": 1700000000}"), 0);
-    EXPECT_EQ(set_time, 1700000000) << "an empty item is none";
+    EXPECT_EQ(recorded("date"), times{"2023.11.14-22:13:20"}) << "an empty item is none";
 }
 
 TEST_F(register_test, an_answer_without_a_time_leaves_the_clock_alone)
@@ -173,7 +175,7 @@ TEST_F(register_test, an_answer_without_a_time_leaves_the_clock_alone)
     for (const char *text :
          {"{\"orvTime\": 0}", "{}", "{\"orvTime\": \"1700000000\"}", "{\"orvTime\": 1.5}"}) {
         EXPECT_EQ(answer(400, text), 0);
-        EXPECT_EQ(set_time, 0) << text;
+        EXPECT_EQ(recorded("date"), times{}) << text;
     }
 }
 
