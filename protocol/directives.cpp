@@ -79,7 +79,7 @@ int set_system_time(int64_t seconds)
         return -1;
     }
     LOG(LOG_TRACE, "%s: UTC time: %lu\n", "set_system_time", static_cast<unsigned long>(seconds));
-    char text[32];
+    char text[80]; /* the widest numbers, as the compiler sees it; a real time takes 26 */
     snprintf(text, sizeof(text), "%lld.%.2d.%.2d-%.2d:%.2d:%.2d", local.tm_year + 1900LL, local.tm_mon + 1,
              local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
     LOG(LOG_FAILURE, "Syncing system time to Orvanta time [%s]", text);
