@@ -1,4 +1,4 @@
-#include "device/scmd.h"
+#include "device/frames.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -74,11 +74,6 @@ int write_a_msg_within(int fd, const char *text, size_t length, int milliseconds
     if (send_whole(fd, header, sizeof(header), length > 0 ? MSG_MORE : 0, deadline) != 0)
         return -1;
     return send_whole(fd, text, length, 0, deadline);
-}
-
-int write_a_msg(int fd, const char *text, size_t length)
-{
-    return write_a_msg_within(fd, text, length, SCMD_TIMEOUT);
 }
 
 /* ---- reading ---- */
@@ -178,9 +173,4 @@ int read_a_msg_within(int fd, char **buffer, size_t *length, int milliseconds)
     int reason = errno;
     frame_clear(&reader);
     return fail(reason);
-}
-
-int read_a_msg(int fd, char **buffer, size_t *length)
-{
-    return read_a_msg_within(fd, buffer, length, SCMD_TIMEOUT);
 }

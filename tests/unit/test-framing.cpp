@@ -1,4 +1,4 @@
-#include "device/scmd.h"
+#include "device/frames.h"
 
 #include <cerrno>
 #include <chrono>
@@ -10,6 +10,8 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include "device/scmd.h"
 
 class framing : public testing::Test {
 protected:
