@@ -10,12 +10,17 @@
  * Texts that a call returns are the caller's to free with free(3). An error text is never empty and has at
  * most SCM_ERROR_LENGTH bytes, cut between characters: the daemon's own where it gave one, else one of these:
  *
- *   "Configuration daemon not available"             nobody there, too busy to accept, or no whole answer in
- * time "Configuration daemon closed the connection"     before the whole answer was there: it may have died
- *   "Invalid reply from configuration daemon"        no JSON, of another shape, or longer than a frame may be
- *   "Configuration daemon reported an error"         an error without a text
- *   "Configuration too large for the configuration daemon"    4 MiB and more, nothing was sent
- *   "Configuration could not be encoded"             no value given, texts that are no UTF-8, no memory
+ * "Configuration daemon not available": nobody there, too busy to accept, or no whole answer in time
+ *
+ * "Configuration daemon closed the connection": before the whole answer was there; it may have died
+ *
+ * "Invalid reply from configuration daemon": no JSON, of another shape, or longer than a frame may be
+ *
+ * "Configuration daemon reported an error": an error without a text
+ *
+ * "Configuration too large for the configuration daemon": 4 MiB and more, nothing was sent
+ *
+ * "Configuration could not be encoded": no value given, texts that are no UTF-8, no memory
  *
  * What lies behind the first three is told to scmintf_print.
  */
