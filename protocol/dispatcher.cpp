@@ -31,7 +31,11 @@ static int device_info_request(const json_t *, char *error_text)
 
 static int register_success(const json_t *obj, char *error_text)
 {
+    uint32_t generation = state_generation;
     (void)parse_register_response(MSG_REGISTER_SUCCESS, obj, error_text);
+    /* SIGUSR1 may strike while the clock is set: the connection that was accepted is gone then. */
+    if (generation != state_generation)
+        return NO_ERROR;
     da.registered = 1;
     registration_answered();
     platform_set_orv_connection_state(ORV_APPROVAL_PENDING, nullptr);

@@ -4,6 +4,7 @@
 #include <string>
 
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "agent/run.h"
@@ -127,6 +128,23 @@ TEST_F(signals_test, sigusr1_while_connecting_gives_the_attempt_up)
     EXPECT_EQ(da.state, DA_STATE_IDLE);
     EXPECT_EQ(library.kills, 1);
     EXPECT_EQ(connect_timer.handle, nullptr);
+}
+
+/* Setting the clock runs a child; its wait lets the signal in. */
+TEST_F(signals_test, an_acceptance_that_sigusr1_overtakes_counts_for_nothing)
+{
+    write_file("/tmp/tools/date", "#!/bin/sh\nkill -USR1 " + std::to_string(getpid()) + "\n");
+    ASSERT_EQ(chmod("/tmp/tools/date", 0755), 0);
+    std::string path = getenv("PATH");
+    setenv("PATH", ("/tmp/tools:" + path).c_str(), 1);
+    connect_agent();
+    in_library([] { fake_receive(fake_handle(), "{\"msgType\":400,\"orvTime\":1700000000}"); });
+    setenv("PATH", path.c_str(), 1);
+    EXPECT_TRUE(was_logged("sighandler invoked, signal  10"));
+    EXPECT_EQ(da.state, DA_STATE_IDLE);
+    EXPECT_EQ(da.registered, 0);
+    EXPECT_EQ(orv_state_action_pending, 0);
+    EXPECT_EQ(file_text(ORV_STATE_FILE), "Connecting");
 }
 
 /* ---- SIGTERM ---- */
