@@ -65,3 +65,5 @@ void close_for_config_change(const char *reason, size_t len)
     platform_set_orv_connection_state(ORV_ACCESS_DENIED,
                                       "Another connection is in progress , please wait for reconnect");
 }
+
+void config_change_reset(void) { timer_disarm(close_retry_timer); }

@@ -10,3 +10,6 @@
  * waits for that to end, looking every 5 s.
  */
 void close_for_config_change(const char *reason, size_t len);
+
+/* For tests: stops the looking. */
+void config_change_reset(void);

@@ -268,6 +268,14 @@ int ev_count_timers(void)
     return count;
 }
 
+const void *ev_timer_argument(int index)
+{
+    const ev_timer *timer = timer_list;
+    while (index-- > 0)
+        timer = timer->next;
+    return timer->arg;
+}
+
 int ev_count_fds(void)
 {
     int count = 0;

@@ -68,7 +68,9 @@ void get_monotonic_time(int64_t *seconds, int64_t *nanoseconds);
  */
 ev_time ev_wait_for(ev_time now, ev_time expiry);
 
-/* For tests: how many timers and descriptors are there; forgets all of them. */
+/* For tests: how many timers and descriptors are there, the argument of the index'th timer (earliest first,
+ * the index below the count); forgets all of them. */
 int ev_count_timers(void);
 int ev_count_fds(void);
+const void *ev_timer_argument(int index);
 void ev_reset(void);

@@ -23,6 +23,7 @@ static void stop_everything(void)
     timer_disarm(discovery_timer);
     stop_cfg_restore_timer();
     connection_status_reset();
+    config_change_reset();
     if (ws.context)
         ws_destroy_context();
     ws_session_reset();

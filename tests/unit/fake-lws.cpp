@@ -22,6 +22,7 @@ struct lws {
     bool in_writable_callback;
     bool has_close_reason;
     bool close_frame_sent;
+    bool going_down; /* it was told to end; a second word ends it at once */
     std::string close_payload;
 };
 
@@ -41,6 +42,20 @@ void fake_lws_reset(void)
 }
 
 lws *fake_handle(void) { return !handles.empty() && handles.back()->alive ? handles.back().get() : nullptr; }
+
+int fake_live_handles(void)
+{
+    int count = 0;
+    for (auto &handle : handles)
+        count += handle->alive ? 1 : 0;
+    return count;
+}
+
+int fake_descriptor(const lws *wsi) { return wsi->fd; }
+
+bool fake_is_established(const lws *wsi) { return wsi->established; }
+
+bool fake_is_closing(const lws *wsi) { return wsi->close_frame_sent; }
 
 static void close_descriptor(int fd)
 {
@@ -169,7 +184,7 @@ lws *lws_client_connect_via_info(const lws_client_connect_info *info)
         return nullptr;
     int fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     handles.push_back(
-        std::make_unique<lws>(lws{info->context, fd, true, false, false, false, false, false, ""}));
+        std::make_unique<lws>(lws{info->context, fd, true, false, false, false, false, false, false, ""}));
     lws *wsi = handles.back().get();
     if (info->pwsi)
         *info->pwsi = wsi;
@@ -219,8 +234,10 @@ void lws_set_timeout(lws *wsi, enum pending_timeout, int seconds)
     EXPECT_EQ(seconds, LWS_TO_KILL_SYNC);
     EXPECT_TRUE(wsi->alive) << "killed a dead handle";
     library.kills++;
-    if (wsi->has_close_reason)
+    if (wsi->has_close_reason && !wsi->going_down) {
+        wsi->going_down = true;
         return; /* the frame goes first, with the next service; the closure follows the peer's answer */
+    }
     end_handle(wsi, wsi->established ? LWS_CALLBACK_CLIENT_CLOSED : LWS_CALLBACK_CLIENT_CONNECTION_ERROR);
 }
 
@@ -239,6 +256,7 @@ static void serve_writable(lws *wsi)
     if (result == 0)
         return;
     library.drops++;
+    wsi->going_down = true;
     send_close_frame(wsi);
     if (!wsi->has_close_reason)
         fake_closed(wsi);

@@ -72,6 +72,13 @@ void fake_lws_reset(void);
 /* The newest handle, null when there is none that lives. */
 lws *fake_handle(void);
 
+/* How many handles live, and of one of them: its descriptor, whether it is established, whether the agent's
+ * close frame went out on it. */
+int fake_live_handles(void);
+int fake_descriptor(const lws *wsi);
+bool fake_is_established(const lws *wsi);
+bool fake_is_closing(const lws *wsi);
+
 /* What the library reports about a handle, called as from inside the library. Closed and refused end the
  * handle. */
 int fake_report(lws *wsi, enum lws_callback_reasons reason, const void *in = nullptr, size_t len = 0);

@@ -7,19 +7,7 @@
 
 static const char *const in_progress = "Another connection is in progress , please wait for reconnect";
 
-class config_change_test : public connection_test {
-protected:
-    void TearDown() override
-    {
-        /* A retry that still waits ends where there is a discovery delay to replace. */
-        stay_idle = 0;
-        da.state = DA_STATE_IDLE;
-        idle_timeout = 60;
-        timer_arm(discovery_timer, 60);
-        run_until([] { return idle_timeout == 5; }, 12);
-        connection_test::TearDown();
-    }
-};
+using config_change_test = connection_test;
 
 static void change(const char *reason = "DEV_CFG_UPDATE") { close_for_config_change(reason, strlen(reason)); }
 
