@@ -9,11 +9,11 @@
 #include "agent/fatal.h"
 #include "agent/hooks.h"
 #include "agent/owners.h"
-#include "agent/state-file.h"
 #include "agent/text.h"
 #include "agent/utils.h"
 #include "device/scmintf.h"
 #include "device/tavosutils.h"
+#include "platform/config-version.h"
 #include "platform/parent-mac.h"
 #include "platform/sku.h"
 #include "platform/state-files.h"
@@ -123,12 +123,6 @@ static void read_serial_number(void)
     }
 }
 
-static void create_config_version(void)
-{
-    if (file_exists(CONFVER_FILE) == -1 && replace_file(CONFVER_FILE, "1") != 0)
-        LOG(LOG_FAILURE, "Not able to create the config version file");
-}
-
 static void read_account_id(void)
 {
     char text[ACCOUNT_ID_LENGTH + 1];
@@ -152,7 +146,7 @@ int platform_init_dev_info(void)
     copy_text(da.dev_info.other_sw_version, get_other_version());
     copy_text(da.dev_info.product_name, this_sku().product_name);
     read_serial_number();
-    create_config_version();
+    (void)platform_init_config_version();
     read_account_id();
     scmintf_print = print_to_system_log;
     clog_set_daemonname("device-agent");

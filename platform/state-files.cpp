@@ -20,7 +20,6 @@
 enum {
     DOMAIN_LENGTH = 128,
     TOKEN_FILE_LENGTH = 257,
-    CONFVER_LENGTH = 4095,
 };
 
 /* ---- the controller's URL ---- */
@@ -125,17 +124,6 @@ int platform_set_account_id(void)
 }
 
 /* ---- the configuration ---- */
-
-int32_t platform_get_da_config_version(void)
-{
-    char text[CONFVER_LENGTH + 1];
-    if (read_value_file(CONFVER_FILE, text, CONFVER_LENGTH) != 0) {
-        LOG(LOG_FAILURE, "Failed to retrieve the config value");
-        return -1;
-    }
-    LOG(LOG_TRACE, "config value : %s \n", text);
-    return text_to_int(text);
-}
 
 int platform_device_reconfigured(void) { return access(DEVICE_RECONFIGURED_FILE, F_OK) == 0 ? 0 : -1; }
 

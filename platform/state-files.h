@@ -14,7 +14,6 @@
 #define DEVICE_ID_COOKIE_FILE "/mnt/flash/config/device_id_cookie"
 #define VELMORA_ID_FILE "/mnt/flash/config/velmora_id"
 #define ACCOUNT_ID_FILE "/mnt/flash/config/account_id"
-#define CONFVER_FILE "/mnt/flash/config/confver"
 #define ALLOW_ALL_FILE "/mnt/flash/config/ALLOW_ALL"
 #define DEVICE_RECONFIGURED_FILE "/mnt/flash/config/DEVICE_RECONFIGURED"
 #define CA_CERTS_PATH "/etc/ssl/certs/"
@@ -44,9 +43,6 @@ int platform_clear_velmora_id_token(void);
 
 /* Saves da.dev_info.account_id, or removes the file when it is empty. -1 when the file cannot be written. */
 int platform_set_account_id(void);
-
-/* The configuration version, -1 when the file is missing. */
-int32_t platform_get_da_config_version(void);
 
 /* 0 when a configuration was applied that has not yet seen the controller again (the flag file exists). */
 int platform_device_reconfigured(void);

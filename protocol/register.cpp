@@ -6,6 +6,7 @@
 #include "agent/debug-log.h"
 #include "agent/hooks.h"
 #include "device/tavosutils.h"
+#include "platform/config-version.h"
 #include "platform/identity.h"
 #include "platform/state-files.h"
 #include "protocol/directives.h"

@@ -5,7 +5,7 @@
 
 #include "agent/da.h"
 #include "agent/debug-log.h"
-#include "platform/state-files.h"
+#include "platform/config-version.h"
 #include "protocol/error-codes.h"
 #include "protocol/message.h"
 

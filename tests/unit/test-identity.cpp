@@ -12,6 +12,7 @@
 #include "agent/hooks.h"
 #include "device/scmintf.h"
 #include "device/tavosutils.h"
+#include "platform/config-version.h"
 #include "platform/state-files.h"
 #include "tests/unit/support.h"
 #include "tests/unit/syslog-end.h"

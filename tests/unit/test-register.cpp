@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "agent/owners.h"
+#include "platform/config-version.h"
 #include "protocol/error-codes.h"
 #include "tests/unit/connection-test.h"
 #include "tests/unit/fake-device.h"

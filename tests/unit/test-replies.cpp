@@ -4,6 +4,7 @@
 #include <string>
 
 #include "agent/owners.h"
+#include "platform/config-version.h"
 #include "protocol/error-codes.h"
 #include "tests/unit/connection-test.h"
 #include "tests/unit/queued.h"

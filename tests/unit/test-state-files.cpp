@@ -7,6 +7,7 @@
 
 #include "agent/da.h"
 #include "device/tavosutils.h"
+#include "platform/config-version.h"
 #include "tests/unit/support.h"
 
 class state_files : public testing::Test {
