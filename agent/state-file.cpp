@@ -65,3 +65,19 @@ int replace_file(const char *path, std::string_view text, mode_t mode)
     errno = reason;
     return -1;
 }
+
+int adopt_file(const char *beside, const char *path)
+{
+    fd_guard file(open(beside, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat status;
+    if (file.fd < 0 || fstat(file.fd, &status) != 0)
+        return -1;
+    if (!S_ISREG(status.st_mode)) {
+        errno = EINVAL;
+        return -1;
+    }
+    if (fsync(file.fd) != 0 || rename(beside, path) != 0)
+        return -1;
+    sync_folder_of(path);
+    return 0;
+}

@@ -13,3 +13,10 @@
  * through a symbolic link. `mode` is for the new file, less the umask.
  */
 int replace_file(const char *path, std::string_view text, mode_t mode = 0644);
+
+/*
+ * The second half of it, for a file that somebody else wrote beside the place: flushes it to the medium and
+ * renames it to `path`. Returns 0, or -1 with errno set and the old file untouched; the new one then stays
+ * where it is. What is no plain file is refused.
+ */
+int adopt_file(const char *beside, const char *path);

@@ -94,6 +94,15 @@ std::string valid_utf8(const char *bytes, size_t length)
     return result;
 }
 
+size_t utf8_border(const std::string &text, size_t limit)
+{
+    if (text.size() <= limit)
+        return text.size();
+    while (limit > 0 && (static_cast<unsigned char>(text[limit]) & 0xC0) == 0x80)
+        limit--;
+    return limit;
+}
+
 /* ---- in place ---- */
 
 void str_replace_char(char *text, char from, char to)

@@ -36,6 +36,9 @@ int32_t text_to_int(const char *text);
  */
 std::string valid_utf8(const char *bytes, size_t length);
 
+/* How many bytes of a valid text fit into `limit` without cutting a character in two. */
+size_t utf8_border(const std::string &text, size_t limit);
+
 /* Every occurrence of byte `from` becomes `to`, in place. A null text is left alone. */
 void str_replace_char(char *text, char from, char to);
 

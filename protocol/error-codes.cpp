@@ -15,6 +15,6 @@ void set_error_text(char *error_text, const char *format, ...)
 {
     va_list arguments;
     va_start(arguments, format);
-    vsnprintf(error_text, ERROR_STRING_SIZE - 1, format, arguments);
+    vsnprintf(error_text, ERROR_TEXT_LENGTH + 1, format, arguments);
     va_end(arguments);
 }

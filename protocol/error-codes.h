@@ -23,8 +23,11 @@ enum {
 extern const char *const err_code_str[ERR_CODE_COUNT];
 
 /* A failing handler writes its text here; the dispatcher sends it as the "message" of the failure reply. */
-enum { ERROR_STRING_SIZE = 1025 };
+enum {
+    ERROR_STRING_SIZE = 1025,
+    ERROR_TEXT_LENGTH = 1023, /* the longest text that is put there */
+};
 extern char error_string[ERROR_STRING_SIZE];
 
-/* Writes at most 1023 characters into an error text of that size. */
+/* Writes at most ERROR_TEXT_LENGTH characters into an error text of that size. */
 void set_error_text(char *error_text, const char *format, ...) __attribute__((format(printf, 2, 3)));
