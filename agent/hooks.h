@@ -28,6 +28,9 @@ struct agent_hooks {
     int32_t (*sw_update_state)(void); /* "swUpdateState" of REGISTER */
     void (*stop_fw_dl_process)(void); /* ends a running firmware download */
 
+    /* dispatcher */
+    void (*stop_wifiperf)(void); /* ends a running Wi-Fi throughput test */
+
     /* state machine */
     void (*platform_restore_cfg)(void); /* back to the last good configuration */
 

@@ -8,6 +8,7 @@
 #include "agent/state-discovery.h"
 #include "agent/state-idle.h"
 #include "agent/ws-session.h"
+#include "operations/config-restore.h"
 #include "protocol/dispatcher.h"
 
 void install_hooks(void)
@@ -23,4 +24,8 @@ void install_hooks(void)
     ws_session_init();
     hooks.handle_orv_msg = handle_orv_msg;
     hooks.wait_for_reconnect = wait_for_reconnect;
+
+    /* configuration: the safety net of an update */
+    hooks.platform_cancel_cfg_restore = platform_cancel_cfg_restore;
+    hooks.platform_restore_cfg = platform_restore_cfg;
 }

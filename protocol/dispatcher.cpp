@@ -5,9 +5,12 @@
 #include "agent/cfg-restore-timer.h"
 #include "agent/da.h"
 #include "agent/debug-log.h"
+#include "agent/hooks.h"
 #include "agent/owners.h"
 #include "agent/registration.h"
 #include "agent/text.h"
+#include "operations/config-pull.h"
+#include "operations/config-update.h"
 #include "platform/connection-status.h"
 #include "platform/locate.h"
 #include "protocol/device-info.h"
@@ -21,6 +24,17 @@
 #define MODULE "device-agent.c"
 
 /* ---- handlers with more to do than their own reader ---- */
+
+/* The connection is shown as up before the long work begins; a throughput test does not survive it. */
+static int config_update(const json_t *obj, char *error_text)
+{
+    platform_set_orv_connection_state(ORV_CONNECTED, nullptr);
+    int status = parse_and_apply_config(obj, error_text);
+    call_hook(hooks.stop_wifiperf);
+    return status;
+}
+
+static int config_pull(const json_t *, char *error_text) { return platform_pull_and_send_config(error_text); }
 
 static int locate(const json_t *, char *) { return platform_locate(); }
 
@@ -60,14 +74,19 @@ struct message_row {
     const char *received_log;                            /* "%s" is the dispatcher's name */
     int (*handler)(const json_t *obj, char *error_text); /* 0, or a status of protocol/error-codes.h */
     int32_t failure_reply;
-    int32_t success_reply;    /* 0: the dispatcher sends none */
-    const char *complete_log; /* null: none */
+    int32_t success_reply;              /* 0: the dispatcher sends none */
+    const char *complete_log;           /* null: none */
+    const char *failure_text = nullptr; /* "message" of the failure reply; null: the handler's error text */
 };
 
 /* In the order of the type numbers. A type without a row is unknown. */
 static const message_row catalogue[] = {
     {MSG_REBOOT_CMD, LOG_EVENT, "%s: MSG_REBOOT_CMD received", parse_reboot_request, 702, MSG_REBOOT_RSP,
      "%s: MSG_REBOOT_CMD_REQUEST Complete"},
+    {MSG_CONFIG_UPDATE_REQUEST, LOG_TRACE, "%s: MSG_CONFIG_UPDATE_REQUEST received", config_update, 706, 0,
+     nullptr},
+    {MSG_CONFIG_PULL_REQUEST, LOG_TRACE, "%s: MSG_CONFIG_PULL_REQUEST received", config_pull, 707, 0,
+     "%s: MSG_CONFIG_PULL_REQUEST Complete", "ERR_BAD_REQUEST"},
     {MSG_MANAGED_INFO, LOG_TRACE, "%s:MSG_MANAGED_INFO received", parse_managed_info, 708,
      MSG_MANAGED_INFO_RSP, "%s:MSG_MANAGED_INFO Complete"},
     {MSG_LOCATE_CMD, LOG_EVENT, "%s: MSG_LOCATE_CMD received", locate, 715, MSG_LOCATE_RSP,
@@ -104,7 +123,7 @@ static int dispatch(const message_row &row, const json_t *obj)
     log_row(row.received_level, row.received_log);
     int status = row.handler(obj, error_string);
     if (status != NO_ERROR && row.failure_reply != 0)
-        send_failure_msg(row.failure_reply, status, error_string);
+        send_failure_msg(row.failure_reply, status, row.failure_text ? row.failure_text : error_string);
     if (status == NO_ERROR && row.success_reply != 0)
         send_success_msg(row.success_reply);
     if (row.complete_log)

@@ -8,6 +8,8 @@
 /* The types that have a handler in this build. */
 enum {
     MSG_REBOOT_CMD = 102,
+    MSG_CONFIG_UPDATE_REQUEST = 106,
+    MSG_CONFIG_PULL_REQUEST = 107,
     MSG_MANAGED_INFO = 108,
     MSG_LOCATE_CMD = 115,
     MSG_INTVL_UPDATE_CMD_REQUEST = 117,
