@@ -4,6 +4,9 @@
 
 #include <unistd.h>
 
+#include "operations/config-reboot.h"
+#include "protocol/directives.h"
+
 /* Every file that a test of the connection may find or leave. */
 static const char *const files[] = {
     ORV_STATE_FILE,          DEVICE_RECONFIGURED_FILE, LAST_CLOSE_REASON_FILE,
@@ -24,6 +27,8 @@ static void stop_everything(void)
     stop_cfg_restore_timer();
     connection_status_reset();
     config_change_reset();
+    config_reboot_reset();
+    directives_reset();
     if (ws.context)
         ws_destroy_context();
     ws_session_reset();

@@ -24,11 +24,6 @@ protected:
         for (const char *tool : {"date", "shutdown.sh"})
             clear_recorded(tool);
     }
-    void TearDown() override
-    {
-        directives_reset();
-        connection_test::TearDown();
-    }
 };
 
 static int call(int (*handler)(const json_t *, char *), const char *text)

@@ -7,7 +7,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "protocol/directives.h"
 #include "protocol/error-codes.h"
 #include "tests/unit/connection-test.h"
 #include "tests/unit/fake-device.h"
@@ -168,7 +167,6 @@ TEST_F(dispatcher_test, a_reboot_is_accepted_at_once)
     EXPECT_EQ(handle("{\"msgType\": 102}"), 0);
     EXPECT_EQ(take_one_queued(), "{\"msgType\": 402}");
     EXPECT_EQ(ev_count_timers(), 1) << "REBOOT";
-    directives_reset();
 }
 
 TEST_F(dispatcher_test, retry_intervals_are_answered_only_when_refused)

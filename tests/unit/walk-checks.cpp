@@ -15,8 +15,8 @@ static const name_set of_connecting = {"LWS CONNECTING", "WAIT FOR RECONNECT"};
 static const name_set of_connected = {
     "PING",       "PMAC",         "REGISTER", "REGISTER RESPONSE WAIT", "REGISTER DELAY", "REGISTER FAILED",
     "WS DESTROY", "DA DISCONNECT"};
-static const name_set of_all = {"LWS SERVICE", "CLOSE RETRY", "CONFIG RESTORE", "STATUS NOTIFY",
-                                "CLEAR ACTION PENDING"};
+static const name_set of_all = {"LWS SERVICE",          "CLOSE RETRY",  "CONFIG RESTORE",   "STATUS NOTIFY",
+                                "CLEAR ACTION PENDING", "REBOOT DELAY", "CLOSE FRAME DELAY"};
 
 static const name_set &timers_of_state(void)
 {
