@@ -16,12 +16,12 @@ int32_t txq_mem_size;
 int32_t txq_depth;
 int32_t in_writable;
 
+static txq_msg **tail = &txq; /* where the next frame is linked */
+
 static void append(txq_msg *element)
 {
-    txq_msg **link = &txq;
-    while (*link)
-        link = &(*link)->next;
-    *link = element;
+    *tail = element;
+    tail = &element->next;
     txq_mem_size += static_cast<int32_t>(element->len);
     txq_depth++;
 }
@@ -30,6 +30,8 @@ static void remove_head(void)
 {
     txq_msg *head = txq;
     txq = head->next;
+    if (!txq)
+        tail = &txq;
     txq_mem_size -= static_cast<int32_t>(head->len);
     txq_depth--;
     free(head->msg);
