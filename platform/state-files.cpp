@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <string>
 
 #include <unistd.h>
 
@@ -18,7 +19,6 @@
 #define OPTION_15_HOST "orvanta"
 
 enum {
-    DOMAIN_LENGTH = 128,
     TOKEN_FILE_LENGTH = 257,
 };
 
@@ -34,26 +34,28 @@ static int url_found(const char *function, const char *url)
 
 int platform_get_static_url(char (&url)[URL_TEXT_SIZE])
 {
-    if (static_orv_url[0] != '\0')
+    if (static_orv_url[0] != '\0') {
+        forget_controller_sources(SOURCE_STATIC_URL); /* the file has no say */
         copy_text(url, static_orv_url);
-    else
-        (void)read_value_file(STATIC_URL_FILE, url, sizeof(url) - 1);
+    } else {
+        copy_text(url, consult_controller_source(SOURCE_STATIC_URL).c_str());
+    }
     return url_found("platform_get_static_url", url);
 }
 
 int platform_get_dhcp43_url(char (&url)[URL_TEXT_SIZE])
 {
-    (void)read_value_file(DHCP_43_FILE, url, sizeof(url) - 1);
+    copy_text(url, consult_controller_source(SOURCE_DHCP_43).c_str());
     return url_found("platform_get_dhcp43_url", url);
 }
 
 int platform_get_dhcp15_url(char (&url)[URL_TEXT_SIZE])
 {
-    char domain[DOMAIN_LENGTH + 1];
-    if (read_value_file(DHCP_15_FILE, domain, DOMAIN_LENGTH) != 0 || domain[0] == '\0')
+    std::string domain = consult_controller_source(SOURCE_DHCP_15);
+    if (domain.empty())
         return -1;
-    snprintf(url, sizeof(url), "https://%s.%s", OPTION_15_HOST, domain);
-    LOG(LOG_TRACE, "%s: Domain [%s] Option15 based URL [%s]", "platform_get_dhcp15_url", domain, url);
+    snprintf(url, sizeof(url), "https://%s.%s", OPTION_15_HOST, domain.c_str());
+    LOG(LOG_TRACE, "%s: Domain [%s] Option15 based URL [%s]", "platform_get_dhcp15_url", domain.c_str(), url);
     return 0;
 }
 

@@ -8,9 +8,8 @@
 #include <cstddef>
 #include <cstdint>
 
-#define STATIC_URL_FILE "/mnt/flash/config/orv_static_url"
-#define DHCP_43_FILE "/tmp/orv_dhcp_43_url"
-#define DHCP_15_FILE "/tmp/orv_dhcp_15_domain"
+#include "platform/controller-sources.h"
+
 #define DEVICE_ID_COOKIE_FILE "/mnt/flash/config/device_id_cookie"
 #define VELMORA_ID_FILE "/mnt/flash/config/velmora_id"
 #define ACCOUNT_ID_FILE "/mnt/flash/config/account_id"
@@ -21,9 +20,9 @@
 
 /*
  * Sources of the controller's URL. Each fills the text and returns 0, or returns -1 when it has none (missing
- * or empty file). A URL from the command line (-s) wins over the static URL file.
+ * or empty file). A URL from the command line (-s) wins over the static URL file. What they read is
+ * remembered as discovery's knowledge, see platform/controller-sources.h.
  */
-enum { URL_TEXT_SIZE = 257 }; /* 256 characters are read */
 int platform_get_static_url(char (&url)[URL_TEXT_SIZE]);
 int platform_get_dhcp43_url(char (&url)[URL_TEXT_SIZE]);
 /* From the DNS domain of DHCP option 15: "https://orvanta.DOMAIN". */
