@@ -14,7 +14,8 @@ struct agent_hooks {
     void (*state_entry[5])(void); /* entry actions of the connection states, see agent/enter-state.h */
 
     /* device */
-    int (*platform_fcgi_server_init)(void);   /* opens the front end's request socket */
+    int (*platform_fcgi_server_init)(void); /* opens the front end's request socket */
+    void (*close_for_config_change)(const char *reason, size_t len); /* the controller's address changed */
     void (*install_station_disconnect)(void); /* tells the Wi-Fi daemon library whom to call */
 
     /* controller link */

@@ -19,6 +19,7 @@
 #include "agent/utils.h"
 #include "agent/wiring.h"
 #include "discovery/https-client.h"
+#include "platform/address-watch.h"
 #include "platform/connection-status.h"
 #include "platform/heartbeat.h"
 #include "platform/identity.h"
@@ -42,6 +43,7 @@ static void da_alive_cb(void *)
     timer_fired(da_alive_timer);
     LOG(LOG_TRACE, "%s: Kicking the DA watchdog", "da_alive_cb");
     platform_update_heartbeat();
+    platform_look_at_controller_address();
     timer_arm(da_alive_timer, HEARTBEAT_PERIOD);
 }
 
@@ -102,6 +104,7 @@ int start_device_agent(int debug_level)
     call_hook(hooks.device_agent_msg_from_wifid_callback_init);
     platform_create_heartbeat();
     timer_arm(da_alive_timer, HEARTBEAT_PERIOD);
+    platform_watch_controller_address();
     for (;;)
         ev_main();
 }

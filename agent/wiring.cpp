@@ -1,5 +1,6 @@
 #include "agent/wiring.h"
 
+#include "agent/config-change.h"
 #include "agent/da.h"
 #include "agent/hooks.h"
 #include "agent/state-connected.h"
@@ -19,6 +20,9 @@ void install_hooks(void)
     hooks.state_entry[DA_STATE_CONNECTING] = enter_connecting;
     hooks.state_entry[DA_STATE_CONNECTED] = enter_connected;
     hooks.state_entry[DA_STATE_DISCONNECTED] = enter_disconnected;
+
+    /* the device */
+    hooks.close_for_config_change = close_for_config_change;
 
     /* websocket session */
     ws_session_init();

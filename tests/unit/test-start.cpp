@@ -19,8 +19,10 @@
 #include "agent/ev.h"
 #include "agent/hooks.h"
 #include "agent/wiring.h"
+#include "platform/address-watch.h"
 #include "platform/connection-status.h"
 #include "platform/heartbeat.h"
+#include "platform/state-files.h"
 #include "tests/unit/fake-clock.h"
 #include "tests/unit/support.h"
 
@@ -102,6 +104,7 @@ protected:
     void SetUp() override
     {
         fake_clock_set(1000);
+        address_watch_reset();
         write_file(DA_VERSION_FILE, "");
         for (const char *file : files)
             (void)unlink(file);
@@ -313,6 +316,28 @@ TEST_F(start_test, aggressive_mode_ends_after_900_seconds)
     EXPECT_GE(took, 900);
     EXPECT_LE(took, 903);
     EXPECT_TRUE(was_logged("aggr_mode_timeout_cb: Aggressive mode ended"));
+}
+
+/* ---- the controller's address ---- */
+
+/* The target of a link changes: no event tells, the look that goes with the heartbeat does. */
+TEST_F(start_test, the_controllers_address_is_watched)
+{
+    write_file("/etc/velmora/linked", "old.example");
+    (void)unlink(DHCP_43_FILE);
+    ASSERT_EQ(symlink("/etc/velmora/linked", DHCP_43_FILE), 0);
+    start();
+    EXPECT_EQ(ev_count_fds(), 1) << "the folders' events";
+    hooks.close_for_config_change = [](const char *reason, size_t) { step(reason); };
+    char url[URL_TEXT_SIZE];
+    EXPECT_EQ(platform_get_dhcp43_url(url), 0);
+    write_file("/etc/velmora/linked", "new.example");
+    int64_t begin = fake_clock_now();
+    EXPECT_TRUE(run_until([] { return done("DEV_CFG_UPDATE"); }, 100));
+    int64_t took = (fake_clock_now() - begin) / 1000000;
+    EXPECT_GE(took, 62);
+    EXPECT_LE(took, 67);
+    address_watch_reset();
 }
 
 /* ---- the program ---- */
