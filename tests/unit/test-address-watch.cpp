@@ -309,6 +309,17 @@ TEST_F(address_watch, ways_of_changing_a_file)
     }
 }
 
+/* A link comes into being and is never written. */
+TEST_F(address_watch, a_link_where_there_was_nothing)
+{
+    write_file("/tmp/other", "other.example");
+    watch();
+    ASSERT_EQ(link("/tmp/other", DHCP_43_FILE), 0);
+    int took = seconds_to_move();
+    EXPECT_GE(took, 2);
+    EXPECT_LE(took, 4);
+}
+
 /* ---- folders ---- */
 
 static const char flash[] = "/mnt/flash/config";
