@@ -1,12 +1,15 @@
 #include "protocol/dispatcher.h"
 
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <vector>
 
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "operations/config-files.h"
+#include "operations/config-pull.h"
 #include "protocol/error-codes.h"
 #include "tests/unit/connection-test.h"
 #include "tests/unit/fake-device.h"
@@ -128,6 +131,67 @@ TEST_F(dispatcher_test, unknown_types_are_logged_and_dropped)
     }
 }
 
+/* ---- 106, 107 ---- */
+
+static int wifiperf_stops;
+
+TEST_F(dispatcher_test, a_configuration_update_that_is_refused)
+{
+    wifiperf_stops = 0;
+    hooks.stop_wifiperf = [] { wifiperf_stops++; };
+    EXPECT_EQ(handle("{\"msgType\": 106, \"config\": 5}"), 1);
+    EXPECT_EQ(take_one_queued(), "{\"msgType\": 706, \"code\": \"BadRequest\", \"message\": "
+                                 "\"Invalid Config Attribute in json request from Orvanta\"}");
+    EXPECT_TRUE(was_logged("handle_orv_msg: MSG_CONFIG_UPDATE_REQUEST received"));
+    EXPECT_EQ(file_text(ORV_STATE_FILE), "Connected to " + std::string(g_orv_router));
+    EXPECT_EQ(wifiperf_stops, 1) << "whatever the result";
+}
+
+TEST_F(dispatcher_test, a_configuration_update_that_does_nothing_gets_no_answer)
+{
+    wifiperf_stops = 0;
+    hooks.stop_wifiperf = [] { wifiperf_stops++; };
+    EXPECT_EQ(handle("{\"msgType\": 106, \"nativeConfig\": \"x\"}"), 0);
+    EXPECT_EQ(txq, nullptr);
+    EXPECT_EQ(wifiperf_stops, 1);
+    hooks.stop_wifiperf = nullptr;
+    EXPECT_EQ(handle("{\"msgType\": 106, \"nativeConfig\": \"x\"}"), 0);
+}
+
+TEST_F(dispatcher_test, a_configuration_with_a_nul_is_no_message)
+{
+    write_file(CONFIG_FILE, "old");
+    EXPECT_EQ(handle("{\"msgType\": 106, \"overwrite\": true, \"config\": \"a\\u0000b\"}"), -1);
+    EXPECT_EQ(take_one_queued().compare(0, 15, "{\"msgType\": 999"), 0);
+    EXPECT_EQ(file_text(CONFIG_FILE), "old");
+}
+
+TEST_F(dispatcher_test, a_failed_pull_has_a_fixed_text)
+{
+    (void)unlink(CONFIG_FILE);
+    EXPECT_EQ(handle("{\"msgType\": 107}"), -1);
+    EXPECT_EQ(take_one_queued(),
+              "{\"msgType\": 707, \"code\": \"BadRequest\", \"message\": \"ERR_BAD_REQUEST\"}");
+    EXPECT_STREQ(error_string, "the failure before") << "nothing was written there";
+    EXPECT_TRUE(was_logged("handle_orv_msg: MSG_CONFIG_PULL_REQUEST received"));
+    EXPECT_TRUE(was_logged("handle_orv_msg: MSG_CONFIG_PULL_REQUEST Complete"));
+    write_file(CONFIG_FILE, "");
+    std::filesystem::resize_file(CONFIG_FILE, uintmax_t{PULL_CONFIG_LIMIT} + 1);
+    EXPECT_EQ(handle("{\"msgType\": 107}"), 7);
+    EXPECT_EQ(take_one_queued(),
+              "{\"msgType\": 707, \"code\": \"InternalError\", \"message\": \"ERR_BAD_REQUEST\"}");
+    EXPECT_STREQ(error_string, "Malloc failed");
+    (void)unlink(CONFIG_FILE);
+}
+
+TEST_F(dispatcher_test, a_pull)
+{
+    write_file(CONFIG_FILE, "a\nb\n");
+    EXPECT_EQ(handle("{\"msgType\": 107}"), 0);
+    EXPECT_EQ(take_one_queued(), "{\"msgType\": 407, \"config\": \"a\\\\nb\\\\n\"}");
+    (void)unlink(CONFIG_FILE);
+}
+
 /* ---- 108 ---- */
 
 TEST_F(dispatcher_test, managed_information_is_applied_and_answered)
@@ -239,6 +303,9 @@ struct level_row {
 TEST_F(dispatcher_test, received_lines_have_their_levels)
 {
     static const level_row rows[] = {
+        {"106", "handle_orv_msg: MSG_CONFIG_UPDATE_REQUEST received", 3},
+        {"107", "handle_orv_msg: MSG_CONFIG_PULL_REQUEST received", 3},
+        {"107", "handle_orv_msg: MSG_CONFIG_PULL_REQUEST Complete", 2},
         {"108", "handle_orv_msg:MSG_MANAGED_INFO received", 3},
         {"102", "handle_orv_msg: MSG_REBOOT_CMD received", 2},
         {"102", "handle_orv_msg: MSG_REBOOT_CMD_REQUEST Complete", 2},

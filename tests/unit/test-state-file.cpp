@@ -151,3 +151,31 @@ TEST_F(state_file, a_stranger_in_the_place_beside_does_not_stop_it)
     EXPECT_EQ(status.st_mode & 0777u, 0640u);
     EXPECT_EQ(names(), "value value.new ");
 }
+
+/* ---- files that others wrote ---- */
+
+TEST_F(state_file, adopts_a_file)
+{
+    write_file(STATE_FILE, "old");
+    write_file(STATE_FILE ".new", "new");
+    EXPECT_EQ(adopt_file(STATE_FILE ".new", STATE_FILE), 0);
+    EXPECT_EQ(file_text(STATE_FILE), "new");
+    EXPECT_EQ(names(), "value ");
+}
+
+TEST_F(state_file, adopts_nothing_but_a_plain_file)
+{
+    write_file(STATE_FILE, "old");
+    errno = 0;
+    EXPECT_EQ(adopt_file(STATE_FILE ".new", STATE_FILE), -1);
+    EXPECT_EQ(errno, ENOENT);
+    std::filesystem::create_symlink("value", STATE_FILE ".new");
+    EXPECT_EQ(adopt_file(STATE_FILE ".new", STATE_FILE), -1) << "a link to itself would lose the file";
+    std::filesystem::remove(STATE_FILE ".new");
+    ASSERT_EQ(mkfifo(STATE_FILE ".new", 0600), 0);
+    EXPECT_EQ(adopt_file(STATE_FILE ".new", STATE_FILE), -1);
+    std::filesystem::remove(STATE_FILE ".new");
+    std::filesystem::create_directories(STATE_FILE ".new");
+    EXPECT_EQ(adopt_file(STATE_FILE ".new", STATE_FILE), -1);
+    EXPECT_EQ(file_text(STATE_FILE), "old");
+}

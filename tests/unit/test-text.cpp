@@ -133,3 +133,14 @@ TEST(text, characters_are_replaced_and_removed_in_place)
     str_replace_char(nullptr, 'a', 'b');
     str_remove_char(nullptr, 'a');
 }
+
+/* ---- cutting ---- */
+
+TEST(utf8_border, never_cuts_a_character)
+{
+    const std::string text = "a\u00e4\u20ac\U0001F600z"; /* 1, 2, 3, 4 and 1 bytes */
+    const size_t borders[] = {0, 1, 1, 3, 3, 3, 6, 6, 6, 6, 10, 11, 11, 11};
+    for (size_t limit = 0; limit < sizeof(borders) / sizeof(borders[0]); limit++)
+        EXPECT_EQ(utf8_border(text, limit), borders[limit]) << limit;
+    EXPECT_EQ(utf8_border("", 0), 0u);
+}
