@@ -25,13 +25,13 @@ enum { CONFIG_MODE = 0644, PARTIAL_CONFIG_MODE = 0600 };
  */
 static config_copied copy_config(const char *from, const char *to)
 {
-    std::string beside = std::string(to) + ".new";
+    const std::string beside = std::string(to) + ".new";
     (void)unlink(beside.c_str()); /* left over from a kill */
     int status = safe_system_run(CP, from, beside.c_str(), static_cast<char *>(nullptr));
     if (status == 0 && adopt_file(beside.c_str(), to) == 0)
         return COPY_DONE;
-    LOG(LOG_FAILURE, "%s: Failed to copy %s to %s (status %d, %s)", "copy_config", from, to, status,
-        status == 0 ? strerror(errno) : "see its own message");
+    LOG(LOG_FAILURE, "%s: Failed to copy %s to %s, " CP " ended with status %d%s%s", "copy_config", from, to,
+        status, status == 0 ? ", but " : "", status == 0 ? strerror(errno) : "");
     (void)unlink(beside.c_str());
     return COPY_FAILED;
 }

@@ -8,8 +8,10 @@
 
 #include "agent/owners.h"
 
-/* A larger configuration is refused like a failed allocation: it would not get through a transmit queue
- * either. */
+/*
+ * A larger configuration is refused like a failed allocation, so that a file gone wild costs no memory: for a
+ * moment a pull takes three times the file's size, eight times where it is nothing but line feeds.
+ */
 enum { PULL_CONFIG_LIMIT = 16 * 1024 * 1024 }; /* bytes of the file */
 
 /*
