@@ -34,7 +34,6 @@ void config_test::SetUp()
 
 void config_test::TearDown()
 {
-    config_reboot_reset();
     connection_test::TearDown();
     remove_config_files();
 }
