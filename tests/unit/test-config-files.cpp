@@ -159,6 +159,16 @@ TEST_F(full_flash, without_room_for_the_new_one_the_old_one_stays)
     EXPECT_EQ(ev_count_timers(), timers_before) << "no reboot";
 }
 
+TEST_F(full_flash, a_device_without_a_configuration_does_not_get_an_older_one)
+{
+    std::filesystem::remove(CONFIG_FILE);
+    leave_pages(2);
+    EXPECT_EQ(apply(std::string(20000, 'n').c_str(), "true"), 7);
+    EXPECT_FALSE(path_exists(CONFIG_FILE));
+    EXPECT_EQ(file_text(CONFIG_BACKUP_FILE), OLDER_BACKUP);
+    EXPECT_EQ(tools.ran, texts{});
+}
+
 TEST_F(full_flash, a_restore_that_finds_no_room_keeps_both_and_the_flag)
 {
     platform_mark_device_reconfigured();
