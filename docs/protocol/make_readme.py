@@ -76,7 +76,8 @@ def _message(row: Schema) -> str:
     members = list(_members(schema))
     if row["direction"] == "to-controller":
         table = _table(["#", "member", "value", "meaning"], [
-            [str(number), *member[:2], member[3]] for number, member in enumerate(members, 1)])
+            [str(number), member[0], member[1] + (", or left out" if member[2] == "no" else ""),
+             member[3]] for number, member in enumerate(members, 1)])
     else:
         table = _table(["member", "value", "needed", "meaning"], [list(row) for row in members])
     examples = "\n".join(json.dumps(example, ensure_ascii=False) for example in schema["examples"])
@@ -121,6 +122,8 @@ def _value(member: Schema) -> str:
         return _value(schema["anyOf"][0]) + "; anything else"
     if "allOf" in schema:
         return "an [error code](#error-codes)"
+    if isinstance(schema["type"], list):
+        return " or ".join(schema["type"])
     if schema["type"] == "string" and "maxLength" in schema and "pattern" not in schema:
         return f'string, up to {schema["maxLength"]} characters'
     if schema["type"] == "integer" and "minimum" in schema and "maximum" not in schema:
