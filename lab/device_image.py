@@ -2,14 +2,17 @@
 
 The tools that would change a real device are recorders here: each appends its arguments to a
 record file and otherwise does what a test has asked for (`/run/lab/status/NAME` holds an exit
-status, `/run/lab/output/NAME` a text to print).
+status, `/run/lab/output/NAME` a text to print). Where the device has a configuration, its shell is
+a program as well (`lab.scmd.shell`), and the shutdown script notes why the device reboots.
 """
 
 import json
+from pathlib import Path
 from typing import Any
 
 from lab import network
 
+_REPOSITORY = Path(__file__).resolve().parent.parent
 HOSTNAME = "quill-lab"
 SERIAL_NUMBER = "QL-0042-7781"
 SOFTWARE_VERSION = "4.2.1"
@@ -52,7 +55,16 @@ exit 0
 # Showing the time is harmless and scripts need it; everything else of `date` is recorded.
 _DATE_SHOWS = """case "${1-+}" in +*|-u|-R|-I*) exec /usr/bin/date.real "$@" ;; esac
 """
-_SHUTDOWN_TELLS = """echo reboot > /run/lab/requests
+_SHUTDOWN_TELLS = """printf '%s:%s' "$(/usr/bin/date.real +%s)" "${1-}" > /mnt/flash/.last_reboot_reason
+echo reboot > /run/lab/requests
+"""
+# A bare device (lab.exec) has no configuration, and a tool that a test has scripted is no program.
+_SHELL_WORKS = f"""if [ -d /run/scmd ] && [ ! -e /run/lab/status/clish ]; then
+    unset LD_PRELOAD
+    cd /
+    export PYTHONPATH="{_REPOSITORY}"
+    exec /usr/bin/python3 -SBm lab.scmd.shell "$@"
+fi
 """
 
 
@@ -69,7 +81,8 @@ def _file(path: str, text: str, mode: int = 0o644) -> dict[str, Any]:
 def _recorder(name: str) -> dict[str, Any]:
     text = _RECORDER.replace("{name}", name)
     text = text.replace("{before}", _DATE_SHOWS if name == "date" else "")
-    text = text.replace("{after}", _SHUTDOWN_TELLS if name == "shutdown.sh" else "")
+    after = {"shutdown.sh": _SHUTDOWN_TELLS, "clish": _SHELL_WORKS}
+    text = text.replace("{after}", after.get(name, ""))
     return _file(RECORDED_TOOLS[name], text, 0o755)
 
 
