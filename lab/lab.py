@@ -16,6 +16,7 @@ from typing import Callable, Optional, Sequence, Union
 
 from lab import names as names_module
 from lab.authority import Authority, Certificates
+from lab.configd import ConfigDaemon
 from lab.controller import Controller
 from lab.device import REPOSITORY, Device, require_root
 from lab.journal import Event, Journal
@@ -84,6 +85,7 @@ class Lab:
         self.controller = Controller(self.world, self.journal, Certificates(leaf))
         self.rawpeer = RawPeer(self.world, self.journal, Certificates(leaf))
         self.switch = Switch(self.world, self.journal)
+        self.scmd = ConfigDaemon(self.device)
         self.wifid = Wifid(self.world, self.journal, self.device)
         self.log = LogFile(self.world, self.journal, self.device)
         self.supervisor = Supervisor(self.device, self.journal)
@@ -93,6 +95,7 @@ class Lab:
         self._step("  controller", self.controller.start, self.controller.stop)
         self._step("  frame-level controller", self.rawpeer.start, self.rawpeer.stop)
         self._step("  switch", self.switch.start, self.switch.stop)
+        self._step("  configuration daemon", self.scmd.start, self.scmd.stop)
         self._step("  Wi-Fi daemon", self.wifid.start, self.wifid.stop)
         self._step("", self.log.start, self.log.stop)
         self._step("", self._listen_for_reboots, self._listen_no_more)
@@ -153,6 +156,8 @@ class Lab:
         self.supervisor.abandon()
         self.wifid.stop()
         self.device.reboot()
+        self.scmd.stop()  # it went down with the device
+        self.scmd.start()
         self.supervisor.abandoned()
         self.wifid.start()
         self.journal.note("rebooted")
