@@ -40,7 +40,7 @@ def show(fault: dict[str, Any], connection: socket.socket, reply: bytes) -> Opti
     elif kind == "huge":
         connection.sendall(struct.pack("!I", 0xFFFFFFFF) + reply[4:])
     elif kind == "garbage":
-        return struct.pack("!I", 7) + b"{\xff\x00nop"
+        return struct.pack("!I", 6) + b"{\xff\x00nop"
     elif kind == "shape":
         return struct.pack("!I", 2) + b"[]"
     return None
