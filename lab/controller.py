@@ -20,6 +20,8 @@ from lab.journal import Event, Journal
 from lab.world import World
 
 PORT = 8443
+PLAIN_PORT = 8080
+"""Without TLS and at the loopback address of the world: for a proxy that ends TLS in front."""
 SUBPROTOCOL = "websock_protocol"
 REGISTER = 100
 _MESSAGE_LIMIT = 64 * 1024 * 1024
@@ -121,6 +123,7 @@ class Controller:
         await self._runner.setup()
         await web.TCPSite(self._runner, network.WORLD_ADDRESS, self._port,
                           ssl_context=self.certificates.context, shutdown_timeout=0.2).start()
+        await web.TCPSite(self._runner, "127.0.0.1", PLAIN_PORT, shutdown_timeout=0.2).start()
 
     def stop(self) -> None:
         """Stops listening and kills every connection; `start` takes it up again."""
@@ -183,6 +186,12 @@ class Controller:
     def send_raw(self, text: str, unchecked: bool = False) -> None:
         """Sends this text to the agent; `unchecked` when it is wrong on purpose."""
         self._world.wait(self._send(self.current, text, unchecked))
+
+    def send_bytes(self, data: bytes) -> None:
+        """Puts any bytes on the connection: frames that were made elsewhere."""
+        transport = self.current.request.transport
+        assert transport is not None
+        self._world.call(transport.write, data)
 
     def close(self, code: int = 1000, reason: str = "") -> None:
         """Closes the connection in the orderly way."""
