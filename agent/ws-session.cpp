@@ -209,9 +209,23 @@ int callback_websocket(lws *wsi, enum lws_callback_reasons reason, void *user, v
 
 /* ---- the loop's side ---- */
 
+/*
+ * What a frame claims stands in its first bytes, but the library hands nothing out before 4096 bytes of it
+ * have come. A claim that can never be held is refused at once: all that follows, pongs too, would count as
+ * its payload.
+ */
+static void refuse_oversized_frame(void)
+{
+    if (!ws.wsi || !ws.established || ws.closing || lws_remaining_packet_payload(ws.wsi) <= RX_MESSAGE_LIMIT)
+        return;
+    LOG(LOG_FAILURE, "Not able  to allocate memory for payload , return error");
+    ws_kill();
+}
+
 static void serve(void)
 {
     ws_serve_library();
+    refuse_oversized_frame();
     ws_handle_events();
     ws_keep_serving();
 }

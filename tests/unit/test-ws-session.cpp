@@ -7,6 +7,7 @@
 #include <openssl/ssl.h>
 
 #include "agent/owners.h"
+#include "agent/ws-rx.h"
 #include "discovery/cert-verify.h"
 #include "tests/unit/connection-test.h"
 
@@ -489,6 +490,22 @@ TEST_F(session_test, a_message_that_cannot_be_held_drops_the_connection)
     EXPECT_EQ(da.state, DA_STATE_IDLE);
     EXPECT_TRUE(was_logged("Not able  to allocate memory for payload , return error"));
     EXPECT_EQ(received, texts{});
+}
+
+/* Nothing is delivered of it yet, and never may be. */
+TEST_F(session_test, a_frame_that_claims_too_much_drops_the_connection)
+{
+    connect_agent();
+    library.remaining = RX_MESSAGE_LIMIT;
+    ws_fd_event_cb(ws.websock_fd, EV_READ, ws.context);
+    EXPECT_EQ(da.state, DA_STATE_CONNECTED) << "the longest one that is taken";
+    library.remaining = size_t{1} << 62;
+    ws_fd_event_cb(ws.websock_fd, EV_READ, ws.context);
+    EXPECT_EQ(da.state, DA_STATE_IDLE);
+    EXPECT_EQ(library.kills, 1);
+    EXPECT_EQ(ws.websock_fd, -1);
+    EXPECT_TRUE(was_logged("Not able  to allocate memory for payload , return error"));
+    EXPECT_TRUE(was_logged("callback_websocket: LWS_CALLBACK_CLOSED"));
 }
 
 TEST_F(session_test, an_answer_to_a_message_leaves_after_it)
