@@ -35,7 +35,7 @@ class Network:
     def __init__(self) -> None:
         self.device_fd = -1
         self.world_fd = -1
-        self._dropping: set[str] = set()
+        self._dropping: set[tuple[int, str]] = set()
 
     def start(self) -> None:
         """Makes everything; the cable is in and the addresses are set when this returns."""
@@ -76,15 +76,17 @@ class Network:
     def restore(self, name: str = "eth0") -> None:
         """Undoes `cut` and `black_hole`: the link is up and frames pass again."""
         run_batch("ip", self.world_fd, f"link set dev {PORTS[name]} up")
-        for namespace_fd, link in self._ends(name) if name in self._dropping else ():
+        for namespace_fd, link in self._dropping.intersection(self._ends(name)):
             run_batch("tc", namespace_fd, f"qdisc del dev {link} root")
-        self._dropping.discard(name)
+            self._dropping.discard((namespace_fd, link))
 
-    def black_hole(self, name: str = "eth0") -> None:
-        """Drops every frame in both directions while the link stays up."""
-        for namespace_fd, link in self._ends(name):
+    def black_hole(self, name: str = "eth0", direction: str = "both") -> None:
+        """Drops every frame while the link stays up: "both", "from-device" or "to-device"."""
+        world, device = self._ends(name)
+        for namespace_fd, link in {"both": (world, device), "from-device": (device,),
+                                   "to-device": (world,)}[direction]:
             run_batch("tc", namespace_fd, f"qdisc replace dev {link} root blackhole")
-        self._dropping.add(name)
+            self._dropping.add((namespace_fd, link))
 
     def _ends(self, name: str) -> tuple[tuple[int, str], tuple[int, str]]:
         return (self.world_fd, PORTS[name]), (self.device_fd, name)
