@@ -6,11 +6,12 @@ Send the agent here with an onboarding reply that names `URL`.
 
 import asyncio
 import base64
+import contextlib
 import hashlib
 import json
 import struct
 from dataclasses import dataclass
-from typing import Any, Optional, Sequence
+from typing import Any, Optional, Sequence, Union
 
 from lab import names, schemas
 from lab.authority import Certificates
@@ -21,6 +22,7 @@ from lab.world import World
 PORT = 8444
 URL = f"https://{names.CONTROLLER_HOST}:{PORT}/ws"
 CONTINUATION, TEXT, BINARY, CLOSE, PING, PONG = 0, 1, 2, 8, 9, 10
+_LEAVE_SECONDS = 1.0
 _GUID = "258EAFA5-E914-47DA-95CA-C5AB0DC85B11"
 
 
@@ -73,6 +75,10 @@ class RawPeer:
         self._writer: Optional[asyncio.StreamWriter] = None
         self.answer_pings = True
         self.answer_register = True
+        self.next_upgrades: list[Union[bytes, float]] = []
+        """What the next upgrades meet, used up one by one: another answer, after which the
+        connection is closed, or so many seconds of silence before the usual one."""
+        self._reading = asyncio.Event()
         self._server = TlsServer(world, PORT, certificates, self._converse)
 
     def start(self) -> None:
@@ -110,6 +116,21 @@ class RawPeer:
         self._writer.write(data)
         await self._writer.drain()
 
+    def send_records(self, data: bytes, size: int = 1) -> None:
+        """Puts bytes on the wire in TLS records of this size."""
+        async def write() -> None:
+            for at in range(0, len(data), size):
+                await self._write(data[at:at + size])
+        self._world.wait(write())
+
+    def pause(self) -> None:
+        """Reads no further frame: when the buffers on the way are full the agent can send no more."""
+        self._world.call(self._reading.clear)
+
+    def resume(self) -> None:
+        """Reads on."""
+        self._world.call(self._reading.set)
+
     def send_frame(self, opcode: int, payload: bytes, fin: bool = True) -> None:
         """Sends one frame."""
         self.send_bytes(encode(opcode, payload, fin))
@@ -131,16 +152,34 @@ class RawPeer:
     async def _converse(self, reader: asyncio.StreamReader, writer: asyncio.StreamWriter) -> None:
         try:
             request = (await reader.readuntil(b"\r\n\r\n")).decode("latin-1")
+            if self.next_upgrades and not await self._upgrade_otherwise(reader, writer, request):
+                return
             writer.write(self._upgrade(request))
             await writer.drain()
             self._writer = writer
+            self._reading.set()
             self._journal.note("raw-connected", request=request)
             while True:
                 await self._receive(await read_frame(reader))
+                await self._reading.wait()
         finally:
-            self._writer = None
             writer.transport.abort()
-            self._journal.note("raw-ended")
+            if self._writer is writer:
+                self._writer = None
+                self._journal.note("raw-ended")
+
+    async def _upgrade_otherwise(self, reader: asyncio.StreamReader, writer: asyncio.StreamWriter,
+                                 request: str) -> bool:
+        """Does what a test has asked for; True when the usual answer is to follow."""
+        way = self.next_upgrades.pop(0)
+        self._journal.note("raw-upgrade", request=request)
+        if isinstance(way, bytes):
+            writer.write(way)
+            await writer.drain()
+        with contextlib.suppress(asyncio.TimeoutError):
+            await asyncio.wait_for(reader.read(), _LEAVE_SECONDS if isinstance(way, bytes) else way)
+            return False  # the agent has left
+        return not isinstance(way, bytes)
 
     @staticmethod
     def _upgrade(request: str) -> bytes:
