@@ -6,6 +6,7 @@ It reads raw bytes, because the agent's request ends CR LF LF, and keeps every r
 import asyncio
 import contextlib
 import json
+import socket
 from dataclasses import dataclass, field, replace
 from typing import Any, Optional
 
@@ -44,10 +45,14 @@ class Reply:
     """Sizes of the first writes; the rest follows in one."""
     gap: float = 0.05
     """Seconds between the pieces."""
+    record_size: int = 0
+    """When not 0, the whole answer arrives at once in TLS records of this size."""
+    cut: Optional[int] = None
+    """Only so many bytes of the answer are sent; then silence, or with `drop` the end."""
     silent: bool = False
     """Never answer; the connection stays open until the device gives up."""
     drop: bool = False
-    """Close the connection in place of answering."""
+    """Close the connection in place of answering, or behind what `cut` leaves."""
 
     def render(self) -> bytes:
         """The bytes of this answer."""
@@ -120,13 +125,16 @@ class Onboarding:
         first = reply.status_line if reply.raw is None else "(raw)"
         self._journal.note("onboarding", text=text, names=list(self.certificates.asked_names),
                            answer="(none)" if reply.silent or reply.drop else first)
-        if reply.drop:
+        if reply.cut is None and reply.drop:
             return
         if reply.silent:
             await reader.read()
             return
         await asyncio.sleep(reply.delay)
-        rest = reply.render()
+        rest = reply.render()[:reply.cut]
+        if reply.record_size:
+            await self._send_records(rest, reply.record_size, writer)
+            rest = b""
         for size in reply.pieces:
             writer.write(rest[:size])
             await writer.drain()
@@ -134,6 +142,20 @@ class Onboarding:
             await asyncio.sleep(reply.gap)
         writer.write(rest)
         await writer.drain()
+        if reply.cut is not None:
+            await (asyncio.sleep(0) if reply.drop else reader.read())
+            writer.close()
+            return
         with contextlib.suppress(asyncio.TimeoutError):
             await asyncio.wait_for(reader.read(), 5.0)
         writer.close()
+
+    @staticmethod
+    async def _send_records(data: bytes, size: int, writer: asyncio.StreamWriter) -> None:
+        """Each write is a record; the cork lets all of them leave together."""
+        wire = writer.get_extra_info("socket")
+        wire.setsockopt(socket.IPPROTO_TCP, socket.TCP_CORK, 1)
+        for at in range(0, len(data), size):
+            writer.write(data[at:at + size])
+        await writer.drain()
+        wire.setsockopt(socket.IPPROTO_TCP, socket.TCP_CORK, 0)
