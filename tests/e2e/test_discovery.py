@@ -97,15 +97,6 @@ def test_an_invalid_domain_falls_through_to_the_cloud(lab, start):
     lab.wait_registered()
 
 
-def test_a_device_without_credentials_sends_nothing(lab, start):
-    board(lab, serialNumber=None)
-    start(faketime=FASTER)
-    lab.log.wait("Required on-boarding credentials not configured, cannot attempt on-boarding.")
-    lab.log.wait(FAILED)
-    assert lab.status() == "Velmora-ID Not Configured"
-    assert not lab.onboarding.requests()
-
-
 def test_a_token_is_used_once(lab, start):
     board(lab, serialNumber=None)
     lab.device.write_text(TOKEN, "abc:def\n")
@@ -143,14 +134,11 @@ def test_a_redirect_without_a_cookie_fails(lab, start):
 @pytest.mark.parametrize("reply, complaint", [
     (Reply(headers=[("Set-Cookie", "deviceId=x; Path=/")]),
      "Not able to find Orvanta, Try Discovering again"),
-    (Reply(body=b""), "Error, 0 content_length response received"),
     (Reply(content_length=""), "content_length response received"),
-    (Reply(status_line="HTTP/1.1 200 OK"), "Error response: [{\"status\": \"redirect\"}]"),
     (Reply(body=b"not json"), "Unexpected response: JSON error"),
     (Reply(raw=b"\r\n\r\n"), "content_length response received"),
     (Reply(raw=b"\x00" * 3000 + b"\r\n\r\n"), "content_length response received"),
-    (Reply(raw=b"HTTP/1.1 302 Found\r\nX: " + b"y" * 8000), "re-discover in"),
-    (Reply(drop=True), "re-discover in")])
+    (Reply(raw=b"HTTP/1.1 302 Found\r\nX: " + b"y" * 8000), "re-discover in")])
 def test_a_useless_answer_fails_the_pass(lab, start, reply, complaint):
     lab.onboarding.next_replies = [reply]
     start(faketime=FASTER)
@@ -174,14 +162,6 @@ def test_a_long_body_is_read_to_its_end(lab, start):
     start()
     lab.log.wait("Received full data")
     lab.wait_registered()
-
-
-def test_a_service_that_never_answers_is_given_up(lab, start):
-    lab.onboarding.next_replies = [Reply(silent=True)]
-    start(faketime=FASTER)
-    lab.log.wait("Not able to find end of headers, even after 10 reads, so exiting", timeout=30)
-    lab.wait_registered()
-    assert len(lab.onboarding.requests()) == 2
 
 
 def test_the_onboarding_service_is_down_for_a_while(lab, start):

@@ -98,6 +98,26 @@ TEST_F(https_client_test, a_slow_answer_in_pieces)
     EXPECT_TRUE(was_logged("SSL_WANT_READ.. try again"));
 }
 
+/* A record ends here, the next one comes when the client has looked: whatever the place, it is the same
+ * answer. */
+TEST_F(https_client_test, an_answer_cut_in_two_at_every_position)
+{
+    std::atomic<size_t> cut{0};
+    tls_server server(good_identity(), [&](tls_peer &peer) {
+        tls_send(peer, REDIRECT.substr(0, cut));
+        if (await_response_wait(2))
+            tls_send(peer, REDIRECT.substr(cut));
+    });
+    for (cut = 1; cut < REDIRECT.size(); cut++) {
+        response_waits = 0;
+        exchange done = ask(server.port);
+        ASSERT_EQ(0, done.result) << cut;
+        EXPECT_EQ("https://c.example:8443/ws", done.location) << cut;
+        EXPECT_EQ("id-1", done.cookie) << cut;
+        EXPECT_EQ(2, response_waits) << cut;
+    }
+}
+
 TEST_F(https_client_test, a_body_longer_than_the_response_buffer)
 {
     tls_server server(good_identity(),
