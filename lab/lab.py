@@ -19,6 +19,7 @@ from lab.authority import Authority, Certificates
 from lab.configd import ConfigDaemon
 from lab.controller import Controller
 from lab.device import REPOSITORY, Device, require_root
+from lab.dhcp import Dhcp
 from lab.journal import Event, Journal
 from lab.logfile import LogFile
 from lab.names import Names
@@ -87,6 +88,7 @@ class Lab:
         self.switch = Switch(self.world, self.journal)
         self.scmd = ConfigDaemon(self.device)
         self.wifid = Wifid(self.world, self.journal, self.device)
+        self.dhcp = Dhcp(self.world, self.journal, self.device, self.network)
         self.log = LogFile(self.world, self.journal, self.device)
         self.supervisor = Supervisor(self.device, self.journal)
         self._step("  name service", lambda: self.names.start(self.device.folder / "names"),
@@ -97,6 +99,7 @@ class Lab:
         self._step("  switch", self.switch.start, self.switch.stop)
         self._step("  configuration daemon", self.scmd.start, self.scmd.stop)
         self._step("  Wi-Fi daemon", self.wifid.start, self.wifid.stop)
+        self._undo.append(self.dhcp.stop)
         self._step("", self.log.start, self.log.stop)
         self._step("", self._listen_for_reboots, self._listen_no_more)
         self._undo.append(self.supervisor.stop)
@@ -160,6 +163,7 @@ class Lab:
         self.scmd.start()
         self.supervisor.abandoned()
         self.wifid.start()
+        self.dhcp.rebooted()
         self.journal.note("rebooted")
         if supervised:
             self.supervisor.resume()

@@ -56,6 +56,7 @@ def describe(event: Event) -> Optional[tuple[str, str]]:
         "ping": lambda: ("note", "agent ---> ping " + event["payload"].decode(errors="replace")),
         "lldp": lambda: ("note", f"agent ---> LLDP on {event['interface']}"),
         "wifid": lambda: ("note", f"agent ---> wifid {event['dest']}: {short(event['text'])}"),
+        "dhcp": lambda: ("note", f"DHCP: {event['text']}"),
         "agent-started": lambda: ("state", f"agent started (pid {event['pid']}, "
                                            f"start {event['count']})"),
         "agent-ended": lambda: ("bad", f"agent ended with status {event['status']}"

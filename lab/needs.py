@@ -3,7 +3,8 @@
 import importlib.util
 import shutil
 
-_PROGRAMS = {"ip": "iproute2", "tc": "iproute2", "openssl": "openssl", "dnsmasq": "dnsmasq-base"}
+_PROGRAMS = {"ip": "iproute2", "tc": "iproute2", "openssl": "openssl", "dnsmasq": "dnsmasq-base",
+             "busybox": "busybox"}
 _MODULES = {
     "aiohttp": "python3-aiohttp",
     "cryptography": "python3-cryptography",

@@ -16,6 +16,7 @@ import time
 import tty
 from types import FrameType
 from typing import Any, Optional
+from urllib.parse import urlsplit
 
 from lab import needs
 
@@ -46,6 +47,12 @@ def _arguments() -> argparse.Namespace:
                         help="how long --until may take (default: %(default)g)")
     parser.add_argument("--faketime", default="", metavar="SPEC",
                         help='speed the agent\'s clock, for instance "+0 x10"')
+    parser.add_argument("--dhcp", action="store_true",
+                        help="give the device its address by DHCP (default: a fixed one)")
+    parser.add_argument("--dhcp-url", metavar="URL",
+                        help="by DHCP, with this controller in option 43")
+    parser.add_argument("--dhcp-domain", metavar="DOMAIN",
+                        help="by DHCP, with this domain in option 15")
     parser.add_argument("agent_options", nargs="*", metavar="AGENT OPTION",
                         help="options of the agent (default: -d 3)")
     return parser.parse_args()
@@ -132,6 +139,17 @@ class _Session:
             self._printer.line(f'status: "{text}"', "state", stamp=True)
 
 
+def _use_dhcp(lab: Lab, url: Optional[str], domain: Optional[str]) -> None:
+    """Gives the device a lease. The hosts that it then looks for are known by name here."""
+    if url:
+        host = urlsplit(url if "//" in url else f"//{url}").hostname
+        lab.names.add(host or url)
+    if domain:
+        lab.names.add(f"orvanta.{domain}")
+    lab.dhcp.offer(url, domain)
+    lab.dhcp.connect()
+
+
 def _run(arguments: argparse.Namespace, printer: Printer) -> int:
     registered = threading.Event()
 
@@ -143,6 +161,8 @@ def _run(arguments: argparse.Namespace, printer: Printer) -> int:
         lab.journal.subscribe(printer.event)
         lab.journal.subscribe(look)
         session = _Session(lab, printer)
+        if arguments.dhcp or arguments.dhcp_url or arguments.dhcp_domain:
+            _use_dhcp(lab, arguments.dhcp_url, arguments.dhcp_domain)
         lab.start_agent(arguments.agent, arguments.agent_options or ["-d", "3"],
                         faketime=arguments.faketime)
         printer.line(f"look inside from another terminal: sudo nsenter -a -t {lab.device.pid} sh\n"
@@ -184,7 +204,7 @@ def main() -> int:
     except _Stop:
         printer.line("stopped; everything is taken down")
         return 1 if arguments.until else 0
-    except (OSError, RuntimeError) as error:
+    except (OSError, RuntimeError, ValueError) as error:
         printer.line(f"lab: {error}", "bad")
         return 1
 
