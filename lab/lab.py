@@ -21,6 +21,7 @@ from lab.controller import Controller
 from lab.device import REPOSITORY, Device, require_root
 from lab.dhcp import Dhcp
 from lab.journal import Event, Journal
+from lab.lldpd import Lldpd
 from lab.logfile import LogFile
 from lab.names import Names
 from lab.network import Network
@@ -87,6 +88,7 @@ class Lab:
         self.rawpeer = RawPeer(self.world, self.journal, Certificates(leaf))
         self.switch = Switch(self.world, self.journal)
         self.scmd = ConfigDaemon(self.device)
+        self.lldpd = Lldpd(self.world, self.switch)
         self.wifid = Wifid(self.world, self.journal, self.device)
         self.dhcp = Dhcp(self.world, self.journal, self.device, self.network)
         self.log = LogFile(self.world, self.journal, self.device)
@@ -98,6 +100,7 @@ class Lab:
         self._step("  frame-level controller", self.rawpeer.start, self.rawpeer.stop)
         self._step("  switch", self.switch.start, self.switch.stop)
         self._step("  configuration daemon", self.scmd.start, self.scmd.stop)
+        self._undo.append(self.lldpd.stop)
         self._step("  Wi-Fi daemon", self.wifid.start, self.wifid.stop)
         self._undo.append(self.dhcp.stop)
         self._step("", self.log.start, self.log.stop)

@@ -1,6 +1,6 @@
 #!/bin/sh
 # apt_install.sh PACKAGE...: installs Debian packages, as root and in silence. Those that bring a service along
-# (nginx, haproxy) are wanted as programs: the service is neither started now nor at the next boot.
+# (nginx, haproxy, lldpd) are wanted as programs: the service is neither started now nor at the next boot.
 set -eu
 export DEBIAN_FRONTEND=noninteractive
 
@@ -18,6 +18,6 @@ install "$@" 2>/dev/null || { apt-get update >/dev/null && install "$@"; }
 
 for name in "$@"; do
     case $name in
-    nginx | haproxy) ! command -v systemctl >/dev/null 2>&1 || systemctl -q disable "$name" || : ;;
+    nginx | haproxy | lldpd) ! command -v systemctl >/dev/null 2>&1 || systemctl -q disable "$name" || : ;;
     esac
 done
