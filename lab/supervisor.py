@@ -83,7 +83,8 @@ class Supervisor:
         self._argv = list(argv)
         self._env = {**BASE_ENVIRONMENT, **_SANITIZERS, **(env or {})}
         if faketime:
-            self._env.update(LD_PRELOAD=find_faketime(), FAKETIME=faketime)
+            preloaded = f"{self._env.get('LD_PRELOAD', '')} {find_faketime()}".lstrip()
+            self._env.update(LD_PRELOAD=preloaded, FAKETIME=faketime)
         self.resume()
 
     def resume(self) -> None:
