@@ -1,7 +1,7 @@
 """What the network says by DHCP: dnsmasq hands it out, udhcpc and the device's hook take it in."""
 
 import pytest
-from expect import CLOUD, FASTER, onboarding_request
+from expect import CLOUD, DEVICE_ID, FASTER, onboarding_request
 
 from lab import network
 from lab.dhcp import DOMAIN_FILE, HOOK, URL_FILE
@@ -216,3 +216,37 @@ def test_a_reader_never_sees_half_a_text(lab):
     inode = lab.device.stat(URL_FILE).st_ino
     run_hook(lab, "renew", opt43=b"https://second.example".hex())
     assert lab.device.stat(URL_FILE).st_ino != inode
+
+
+def passes(lab):
+    """The log of each discovery pass so far, split where they begin."""
+    text = "\n".join(event["message"] for event in lab.journal.events("log"))
+    return text.split("DA_STATE_DISCOVERY")[1:]
+
+
+def test_a_failed_option_43_comes_first_in_the_next_pass(lab, start):
+    lab.dhcp.offer(f"https://{OPTION_43}")
+    lab.dhcp.connect()
+    start(faketime=FASTER)
+    lab.log.wait("Unable to discover Orvanta URL (re-discover in")
+    lab.names.add(OPTION_43)
+    lab.wait_registered()
+    assert lab.onboarding.requests() == [onboarding_request(OPTION_43)]
+    first, *_, last = passes(lab)
+    assert "No Static URL configured " in first and "No Static URL configured " not in last
+
+
+def test_the_way_that_worked_is_taken_again(lab, start):
+    lab.names.add(OPTION_15)
+    lab.dhcp.offer(domain="branch.example")
+    lab.dhcp.connect()
+    start()
+    lab.wait_registered()
+    lab.controller.kill()
+    lab.wait_registered()
+    assert lab.onboarding.requests() == [
+        onboarding_request(OPTION_15), onboarding_request(OPTION_15, cookie=DEVICE_ID)]
+    first, last = passes(lab)
+    assert "No dhcp 43 option  configured " in first
+    assert "No dhcp 43 option  configured " not in last
+    assert "Try DHCP Option 15 DomainName" in last
