@@ -115,10 +115,18 @@ def test_a_lease_that_ends_takes_everything_with_it(lab):
 def test_another_address_replaces_the_first(lab):
     lab.dhcp.offer(address=ADDRESS)
     lab.dhcp.connect()
-    lab.dhcp.offer(address="10.77.0.41", router=False)
+    lab.dhcp.offer(address="10.77.0.41")
     lab.dhcp.renew()
     assert "10.77.0.41/24" in on_eth0(lab, "address")
     assert ADDRESS not in on_eth0(lab, "address")
+
+
+def test_a_router_that_is_gone_is_no_route(lab):
+    lab.dhcp.offer()
+    lab.dhcp.connect()
+    assert "default via 10.77.0.1" in on_eth0(lab, "route")
+    lab.dhcp.offer(router=False)
+    lab.dhcp.renew()
     assert "default" not in on_eth0(lab, "route")
 
 
