@@ -190,6 +190,16 @@ def test_run_until_registered(binary):
     assert "the device is registered\n" in done.stdout
 
 
+def test_run_with_a_controller_named_by_dhcp(binary):
+    done = subprocess.run([PYTHON, "-m", "lab.run", "--agent", str(binary), "--until", "registered",
+                           "--faketime", "+0 x20", "--dhcp-url", "https://onprem.example"],
+                          cwd=REPOSITORY, capture_output=True, text=True,
+                          stdin=subprocess.DEVNULL, timeout=60, check=False)
+    assert done.returncode == 0, done.stdout + done.stderr
+    assert "DHCP: hook: bound 0\n" in done.stdout
+    assert "Discovered method is 2 orv_url " in done.stdout
+
+
 def test_run_tells_when_there_is_no_agent():
     done = subprocess.run([PYTHON, "-m", "lab.run", "--agent", "build/none"], cwd=REPOSITORY,
                           capture_output=True, text=True, check=False)

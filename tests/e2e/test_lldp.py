@@ -1,11 +1,17 @@
 """The upstream switch: a real one (lldpd) with and without the maker's marker, and broken ones."""
 
+import os
+import signal
 import struct
+import subprocess
+import time
+from pathlib import Path
 
 import pytest
 from expect import MAC, PARENT_MAC, register_text, seconds_between
 
 from lab import device_image
+from lab.device import PYTHON, REPOSITORY
 from lab.switch import ETHERTYPE, LLDP_GROUP, MARKER, answer_frame, mac_bytes, tlv
 
 OTHER_MAC = "02:4f:56:aa:bb:99"
@@ -145,3 +151,43 @@ def test_our_own_frames_come_back(lab, start):
     lab.log.wait("LLDP: 02-4F-56-AA-BB-99")  # read after ours, so those have been dealt with
     assert heard(lab) == 1
     assert registered_parent(lab) == ""
+
+
+_RUNS_A_SWITCH = """
+import os, time
+from lab.lab import Lab
+with Lab() as lab:
+    lab.dhcp.offer()
+    lab.dhcp.connect()
+    lab.lldpd.start(lab.device.folder / "lldpd.log")
+    print(os.fstat(lab.network.world_fd).st_ino, flush=True)
+    time.sleep(1000)
+"""
+
+
+def programs_in(network_inode):
+    """The names of all programs that live in this network namespace."""
+    found = []
+    for folder in Path("/proc").glob("[0-9]*"):
+        try:
+            if os.readlink(folder / "ns/net") == f"net:[{network_inode}]":
+                found.append((folder / "comm").read_text().strip())
+        except OSError:  # it has just ended
+            continue
+    return found
+
+
+@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGKILL])
+def test_the_labs_daemons_end_with_it(tmp_path, number):
+    runner = subprocess.Popen([PYTHON, "-c", _RUNS_A_SWITCH], cwd=REPOSITORY, text=True,
+                              stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
+                              env={**os.environ, "TMPDIR": str(tmp_path)})
+    inode = runner.stdout.readline().strip()
+    running = programs_in(inode)
+    assert running.count("lldpd") >= 2 and running.count("dnsmasq") == 2
+    runner.send_signal(number)
+    runner.communicate(timeout=15)
+    deadline = time.monotonic() + 5
+    while programs_in(inode) and time.monotonic() < deadline:
+        time.sleep(0.02)
+    assert programs_in(inode) == []
