@@ -27,12 +27,13 @@ from lab.names import Names
 from lab.network import Network
 from lab.onboarding import Onboarding
 from lab.rawpeer import RawPeer
+from lab.shownstatus import PATH as STATUS_FILE
+from lab.shownstatus import ShownStatus
 from lab.supervisor import Supervisor
 from lab.switch import Switch
 from lab.wifid import Wifid
 from lab.world import World
 
-STATUS_FILE = "/tmp/orv_state"
 _LOGGED = re.compile(r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d( \d+ |:LWS: )|$")
 """Lines of the agent's output that its log files hold as well."""
 
@@ -91,6 +92,7 @@ class Lab:
         self.lldpd = Lldpd(self.world, self.switch)
         self.wifid = Wifid(self.world, self.journal, self.device)
         self.dhcp = Dhcp(self.world, self.journal, self.device, self.network)
+        self.shown = ShownStatus(self.world, self.journal, self.device)
         self.log = LogFile(self.world, self.journal, self.device)
         self.supervisor = Supervisor(self.device, self.journal)
         self._step("  name service", lambda: self.names.start(self.device.folder / "names"),
@@ -104,6 +106,7 @@ class Lab:
         self._step("  Wi-Fi daemon", self.wifid.start, self.wifid.stop)
         self._undo.append(self.dhcp.stop)
         self._step("", self.log.start, self.log.stop)
+        self._step("", self.shown.start, self.shown.stop)
         self._step("", self._listen_for_reboots, self._listen_no_more)
         self._undo.append(self.supervisor.stop)
 
@@ -161,12 +164,14 @@ class Lab:
         self.journal.note("rebooting")
         self.supervisor.abandon()
         self.wifid.stop()
+        self.shown.stop()
         self.device.reboot()
         self.scmd.stop()  # it went down with the device
         self.scmd.start()
         self.supervisor.abandoned()
         self.wifid.start()
         self.dhcp.rebooted()
+        self.shown.start()
         self.journal.note("rebooted")
         if supervised:
             self.supervisor.resume()
@@ -175,12 +180,13 @@ class Lab:
 
     def start_agent(self, binary: Union[str, Path], args: Sequence[str] = ("-d", "3"),
                     env: Optional[dict[str, str]] = None, faketime: str = "",
-                    restart: bool = True) -> None:
-        """Starts the agent under the supervisor; `faketime` such as "+0 x10" speeds its clock."""
+                    restart: bool = True, speed: float = 0.0) -> None:
+        """Starts the agent under the supervisor; `faketime` such as "+0 x10" speeds its clock,
+        `speed` does so until `supervisor.run_at` changes it."""
         path = find_agent(binary)
         self._progress(f"starting the agent: {shlex.join([str(binary), *args])}")
         self.supervisor.restart = restart
-        self.supervisor.start([str(path), *args], env, faketime)
+        self.supervisor.start([str(path), *args], env, faketime, speed)
 
     def wait_registered(self, timeout: float = 60.0) -> Event:
         """Waits until the agent has taken in that the controller accepted it."""

@@ -6,6 +6,7 @@ Every function raises OSError with the call's name when the kernel refuses.
 import ctypes
 import os
 import platform
+import struct
 import threading
 from typing import Any, Callable
 
@@ -24,6 +25,9 @@ MS_BIND = 0x1000
 MS_REC = 0x4000
 MS_PRIVATE = 0x40000
 MNT_DETACH = 2
+
+IN_CLOSE_WRITE = 0x8
+IN_MOVED_TO = 0x80
 
 CAP_SYS_MODULE = 16
 CAP_SYS_RAWIO = 17
@@ -133,3 +137,26 @@ def new_network_namespace() -> int:
         unshare(CLONE_NEWNET)
         return os.open("/proc/thread-self/ns/net", os.O_RDONLY | os.O_CLOEXEC)
     return in_thread(make)
+
+
+def watch_folder(path: str, events: int) -> int:
+    """A descriptor that is readable whenever one of the `events` has happened in the folder."""
+    fd = _check(_libc.inotify_init1(ctypes.c_int(os.O_NONBLOCK | os.O_CLOEXEC)), "inotify_init1")
+    try:
+        _check(_libc.inotify_add_watch(ctypes.c_int(fd), path.encode(), ctypes.c_uint32(events)),
+               f"watch {path}")
+    except OSError:
+        os.close(fd)
+        raise
+    return fd
+
+
+def changed_names(report: bytes) -> set[str]:
+    """The names of the files in what was read from such a descriptor."""
+    names, offset = set(), 0
+    while offset < len(report):
+        _, _, _, length = struct.unpack_from("iIII", report, offset)
+        offset += 16
+        names.add(report[offset:offset + length].rstrip(b"\0").decode(errors="replace"))
+        offset += length
+    return names

@@ -30,6 +30,40 @@ def find_faketime() -> str:
     raise FileNotFoundError("libfaketime.so.1 is missing; get it with: apt-get install faketime")
 
 
+class Clock:
+    """The clock of a running program, in a file that its faketime library reads at each look.
+
+    It counts from when the program has loaded it, which is a little after the start that is known
+    here: a change of speed lets it jump ahead by as much, never back.
+    """
+
+    _LOADED_WITHIN = 0.5
+    """Seconds of a start."""
+
+    def __init__(self, path: Path, seen_at: str, speed: float) -> None:
+        """`path` is the file, `seen_at` its name inside the device."""
+        self._path = path
+        self._started = time.monotonic()
+        self._offset = 0.0
+        self._speed = speed
+        self._write()
+        self.environment = {"FAKETIME_TIMESTAMP_FILE": seen_at, "FAKETIME_NO_CACHE": "1"}
+
+    def run_at(self, speed: float) -> None:
+        """Runs this many times as fast as the real one from now on."""
+        elapsed = time.monotonic() - self._started
+        if speed > self._speed:
+            elapsed -= self._LOADED_WITHIN
+        self._offset += elapsed * (self._speed - speed)
+        self._speed = speed
+        self._write()
+
+    def _write(self) -> None:
+        fresh = self._path.with_suffix(".new")
+        fresh.write_text(f"{self._offset:+.6f} x{self._speed:g}\n", encoding="ascii")
+        fresh.rename(self._path)
+
+
 class Supervisor:
     """The agent's keeper: counts its starts, keeps its exit statuses, collects its output."""
 
@@ -42,6 +76,8 @@ class Supervisor:
         self._lock = threading.Lock()
         self._argv: list[str] = []
         self._env: dict[str, str] = {}
+        self._clock: Optional[Clock] = None
+        self._speed = 0.0
         self.restart = True
         """Whether the agent is started again when it ends."""
         self.starts = 0
@@ -73,18 +109,20 @@ class Supervisor:
         return process is not None and process.poll() is None
 
     def start(self, argv: Sequence[str], env: Optional[dict[str, str]] = None,
-              faketime: str = "") -> None:
+              faketime: str = "", speed: float = 0.0) -> None:
         """Starts the agent and watches over it from now on.
 
-        `faketime` is a setting such as "+0 x10": its clock then runs that much faster.
+        `faketime` is a setting such as "+0 x10": its clock then runs that much faster. With
+        `speed` in its place it can be changed while the agent runs, see `run_at`.
         """
         if self._thread is not None:
             raise AssertionError("the agent is already being supervised")
         self._argv = list(argv)
         self._env = {**BASE_ENVIRONMENT, **_SANITIZERS, **(env or {})}
-        if faketime:
+        if faketime and not speed:
             preloaded = f"{self._env.get('LD_PRELOAD', '')} {find_faketime()}".lstrip()
             self._env.update(LD_PRELOAD=preloaded, FAKETIME=faketime)
+        self._speed = speed
         self.resume()
 
     def resume(self) -> None:
@@ -95,6 +133,10 @@ class Supervisor:
         self._thread.start()
 
     def _launch(self) -> None:
+        if self._speed:
+            self._clock = Clock(self._device.folder / "shared/clock", "/run/lab/shared/clock",
+                                self._speed)
+            self._env.update(self._clock.environment, LD_PRELOAD=find_faketime())
         with open(self.output_path, "ab") as output:
             self._process = self._device.popen(
                 self._argv, env=self._env, stdin=subprocess.DEVNULL, stdout=output, stderr=output)
@@ -117,6 +159,12 @@ class Supervisor:
         """The last line of the agent's output if it ended badly."""
         lines = self.output()[-4000:].strip().splitlines() if status else []
         return lines[-1] if lines else ""
+
+    def run_at(self, speed: float) -> None:
+        """Changes the speed of the agent's clock, which was started with a `speed`."""
+        if self._clock is None:
+            raise AssertionError("the agent was not started with a speed")
+        self._clock.run_at(speed)
 
     def send_signal(self, number: int) -> None:
         """Sends the agent a signal."""
