@@ -1,0 +1,41 @@
+"""What a process shows of itself from outside: descriptors, memory, children."""
+
+import os
+from pathlib import Path
+
+from lab.lab import Lab
+
+
+def descriptors(lab: Lab) -> list[str]:
+    """What the agent's descriptors are, without the numbers that the kernel gives to sockets."""
+    folder = f"/proc/{lab.supervisor.pid}/fd"
+    found = []
+    for fd in os.listdir(folder):
+        try:
+            found.append(os.readlink(f"{folder}/{fd}").split("[")[0])
+        except FileNotFoundError:  # closed meanwhile: the log, for a line
+            continue
+    return sorted(found)
+
+
+def private_memory(lab: Lab) -> int:
+    """The bytes of memory that are the agent's alone and that it has written to."""
+    text = Path(f"/proc/{lab.supervisor.pid}/smaps_rollup").read_text(encoding="ascii")
+    return next(int(line.split()[1]) * 1024 for line in text.splitlines()
+                if line.startswith("Private_Dirty:"))
+
+
+def children(lab: Lab) -> list[str]:
+    """The agent's children, dead ones that nobody has reaped too: "name state"."""
+    found = []
+    for folder in Path("/proc").iterdir():
+        if not folder.name.isdigit():
+            continue
+        try:
+            head, _, rest = (folder / "stat").read_text().rpartition(")")
+        except OSError:  # it has just ended
+            continue
+        state, parent = rest.split()[:2]
+        if int(parent) == lab.supervisor.pid:
+            found.append(f"{head.partition('(')[2]} {state}")
+    return found
