@@ -1,6 +1,7 @@
 """The command line and the files of a start."""
 
 import os
+import signal
 import stat
 
 import pytest
@@ -159,3 +160,15 @@ def test_the_agent_leaves_the_folder_it_was_started_in(start):
     lab = start(faketime="")
     lab.log.wait("started discover timer")
     assert os.readlink(f"/proc/{lab.supervisor.pid}/cwd") == "/"
+
+
+def test_the_heartbeat_of_a_hung_agent_goes_stale(start):
+    lab = start("-d", "3", "-i", faketime="+0 x60")
+    lab.log.wait("da_alive_cb: Kicking the DA watchdog")
+    lab.supervisor.send_signal(signal.SIGSTOP)
+    lab.device.run(["touch", "-d", "2000-01-01", HEARTBEAT], check=True)
+    old = lab.device.stat(HEARTBEAT).st_mtime
+    lab.device.run(["sleep", "2.5"], check=True)  # two and a half minutes of the agent's clock
+    assert lab.device.stat(HEARTBEAT).st_mtime == old
+    lab.supervisor.send_signal(signal.SIGCONT)
+    until(lab, lambda: lab.device.stat(HEARTBEAT).st_mtime != old, "a fresh heartbeat")
