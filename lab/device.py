@@ -7,6 +7,7 @@ its own. Needs root, changes nothing of the host and leaves nothing behind.
 
 import json
 import os
+import re
 import select
 import shutil
 import signal
@@ -28,6 +29,7 @@ BASE_ENVIRONMENT = {
     "LANG": "C.UTF-8",
 }
 _START_SECONDS = 20.0
+_PID = re.compile(r"pid (\d+)\n")
 _NAMESPACES = {"net": linux.CLONE_NEWNET, "uts": linux.CLONE_NEWUTS, "ipc": linux.CLONE_NEWIPC,
                "mnt": linux.CLONE_NEWNS}
 
@@ -156,10 +158,13 @@ class Device:
         self._spawner = self._make_spawner()
 
     def _await_ready(self, status_fd: int) -> None:
-        """Reads the first process's report: its number, then "ready" or what went wrong."""
+        """Reads the report: the first process's number, and its "ready" or what went wrong.
+
+        The two come from two processes, in either order.
+        """
         text = ""
         deadline = time.monotonic() + _START_SECONDS
-        while not text.endswith("ready"):
+        while not ("ready" in text and _PID.search(text)):
             left = deadline - time.monotonic()
             if left <= 0 or not select.select([status_fd], [], [], left)[0]:
                 raise DeviceError(f"the device did not start in time; it said {text!r}")
@@ -167,8 +172,7 @@ class Device:
             if not piece:
                 raise DeviceError(f"the device could not be made: {text.strip() or 'no report'}")
             text += piece
-        words = text.split()
-        self._pid = int(words[words.index("pid") + 1])
+        self._pid = int(_PID.search(text)[1])
 
     def _make_spawner(self) -> ThreadPoolExecutor:
         """A thread whose children are born into the device's process namespace."""

@@ -13,6 +13,9 @@
  */
 enum { LONGEST_WAY = 600 };
 
+/* The disk need not keep up with tens of thousands of status texts and close reasons. */
+extern "C" int fsync(int) { return 0; }
+
 class walk_test : public connection_test {
 protected:
     static void SetUpTestSuite()
@@ -38,13 +41,15 @@ protected:
         look();
     }
 
-    void step(const walk_event &event)
+    /* False when the event cannot happen here. */
+    bool step(const walk_event &event)
     {
         if (failed || !event.possible())
-            return;
+            return false;
         path += std::string(", ") + event.name;
         event.happen();
         look();
+        return true;
     }
 
     /* Nothing may be wrong, and on its own it finds its way. */
@@ -98,9 +103,10 @@ TEST_F(walk_test, all_ways_of_two_events_from_every_situation)
         for (const walk_event &first : walk_events)
             for (const walk_event &second : walk_events) {
                 begin(situation);
-                step(first);
-                step(second);
-                leave_alone();
+                if (!step(first))
+                    break;
+                if (step(second))
+                    leave_alone();
                 if (failed)
                     return;
             }
