@@ -28,6 +28,11 @@ def storm(lab, count, numbers):
     assert lab.supervisor.pid == pid
 
 
+def attempts(lab):
+    """How often the agent has begun to wait for its next attempt; it says so at every log level."""
+    return lab.device.read_text("/var/log/device-agent.log").count("Attempting (re)connection")
+
+
 def finds_back(lab):
     """The agent, still the same, is registered: it answers on an open connection."""
     def answers():
@@ -124,7 +129,10 @@ def test_signals_where_it_waits(start, place):
     lab = start(faketime=FASTER)
     lab.controller.on_register.follow_ups = []
     go_on = place(lab)
+    begun = attempts(lab)
     storm(lab, SIGNALS // 2, [signal.SIGHUP])
+    if place is not before_the_closure:  # which may come at any time
+        assert attempts(lab) == begun, "SIGHUP ends no wait"
     storm(lab, SIGNALS // 2, [signal.SIGUSR1, signal.SIGHUP])
     go_on()
     lab.supervisor.send_signal(signal.SIGUSR1)
