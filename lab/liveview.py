@@ -57,7 +57,7 @@ def describe(event: Event) -> Optional[tuple[str, str]]:
         "lldp": lambda: ("note", f"agent ---> LLDP on {event['interface']}"),
         "wifid": lambda: ("note", f"agent ---> wifid {event['dest']}: {short(event['text'])}"),
         "dhcp": lambda: ("note", f"DHCP: {event['text']}"),
-        "status": lambda: ("state", f"status shown: {short(event['text'])}"),
+        "status": lambda: ("state", f'status: "{short(event["text"])}"'),
         "agent-started": lambda: ("state", f"agent started (pid {event['pid']}, "
                                            f"start {event['count']})"),
         "agent-ended": lambda: ("bad", f"agent ended with status {event['status']}"

@@ -93,7 +93,6 @@ class _Session:
         self._lab = lab
         self._printer = printer
         self._cut = False
-        self._shown = ""
 
     def press(self, key: str) -> None:
         """Does what a key stands for."""
@@ -130,13 +129,6 @@ class _Session:
 
     def _quit(self) -> None:
         raise _Stop
-
-    def watch_status(self) -> None:
-        """Shows the device's connection status when it has changed."""
-        text = self._lab.status_or_reason()
-        if text != self._shown:
-            self._shown = text
-            self._printer.line(f'status: "{text}"', "state", stamp=True)
 
 
 def _use_dhcp(lab: Lab, url: Optional[str], domain: Optional[str]) -> None:
@@ -176,7 +168,6 @@ def _run(arguments: argparse.Namespace, printer: Printer) -> int:
             key = keys.get(_TICK_SECONDS)
             if key:
                 session.press(key)
-            session.watch_status()
         problems = lab.problems()
         for problem in problems:
             printer.line(problem, "bad")
