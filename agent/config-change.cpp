@@ -48,7 +48,8 @@ void close_for_config_change(const char *reason, size_t len)
     idle_timeout = 5;
     da.discovery_method = DISCOVER_STATIC_URL;
     if (da.state == DA_STATE_CONNECTED) {
-        send_close_frame_to_orvanta(reason, len);
+        if (send_close_frame_to_orvanta(reason, len) == 0)
+            expect_closure();
         return;
     }
     if (da.state == DA_STATE_IDLE && discovery_timer.handle) {
@@ -64,6 +65,16 @@ void close_for_config_change(const char *reason, size_t len)
     timer_arm(close_retry_timer, CLOSE_RETRY_WAIT);
     platform_set_orv_connection_state(ORV_ACCESS_DENIED,
                                       "Another connection is in progress , please wait for reconnect");
+}
+
+void leave_for_new_address(const char *reason, size_t len)
+{
+    close_for_config_change(reason, len);
+    if (da.state != DA_STATE_CONNECTING)
+        return;
+    /* Waiting for an attempt that leads to the wrong place may take two minutes. */
+    timer_disarm(close_retry_timer);
+    da_enter_state(DA_STATE_DISCONNECTED);
 }
 
 void config_change_reset(void) { timer_disarm(close_retry_timer); }

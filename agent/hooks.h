@@ -14,9 +14,9 @@ struct agent_hooks {
     void (*state_entry[5])(void); /* entry actions of the connection states, see agent/enter-state.h */
 
     /* device */
-    int (*platform_fcgi_server_init)(void); /* opens the front end's request socket */
-    void (*close_for_config_change)(const char *reason, size_t len); /* the controller's address changed */
-    void (*install_station_disconnect)(void); /* tells the Wi-Fi daemon library whom to call */
+    int (*platform_fcgi_server_init)(void);                  /* opens the front end's request socket */
+    void (*address_changed)(const char *reason, size_t len); /* the controller's address is another one */
+    void (*install_station_disconnect)(void);                /* tells the Wi-Fi daemon library whom to call */
 
     /* controller link */
     int (*handle_orv_msg)(char *text, size_t length,

@@ -22,7 +22,7 @@ void install_hooks(void)
     hooks.state_entry[DA_STATE_DISCONNECTED] = enter_disconnected;
 
     /* the device */
-    hooks.close_for_config_change = close_for_config_change;
+    hooks.address_changed = leave_for_new_address;
 
     /* websocket session */
     ws_session_init();

@@ -91,7 +91,7 @@ static void judge(void)
     if (!leave)
         return;
     forget_controller_sources(SOURCE_STATIC_URL); /* the next pass asks them all */
-    call_hook(hooks.close_for_config_change, CLOSE_REASON, sizeof(CLOSE_REASON) - 1);
+    call_hook(hooks.address_changed, CLOSE_REASON, sizeof(CLOSE_REASON) - 1);
 }
 
 /* ---- events ---- */

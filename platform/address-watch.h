@@ -1,7 +1,7 @@
 /*
  * The watcher of the controller's address: when a file that names the controller says something else than
  * discovery read there, and has been quiet for ADDRESS_QUIET_TIME, the agent is told to leave for the new
- * controller (hooks.close_for_config_change, reason "DEV_CFG_UPDATE"). Contents are compared, not events:
+ * controller (hooks.address_changed, reason "DEV_CFG_UPDATE"). Contents are compared, not events:
  * what is rewritten with the same text is no change. Sources behind the one in force have no say, nor has the
  * static URL file while a URL was given with -s.
  *

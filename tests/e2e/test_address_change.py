@@ -157,10 +157,10 @@ def test_while_connecting_to_a_silent_server(lab, start):
     start(faketime=FASTER)
     lab.log.wait("Device-Agent Waiting for connect...")
     lab.device.write_text(STATIC_URL, ONPREM)
-    changed(lab, "static URL", ONPREM)
-    lab.log.wait("Waiting for ongoing websocket connection to complete")
-    assert lab.status() == "Another connection is in progress , please wait for reconnect"
+    noticed = changed(lab, "static URL", ONPREM)
     lab.wait_registered()
+    asked = lab.log.wait("da_enter_state:DA_STATE_DISCOVERY", since=noticed.index)
+    assert seconds_between(noticed, asked) <= 9, "not the minute that a silent server may take"
     lab.world.call(server.close)
     assert asked_hosts(lab) == [CLOUD, ONPREM]
     assert len(lab.controller.connections) == 1
@@ -171,7 +171,12 @@ def test_while_waiting_for_reconnect(lab, start):
     start(faketime=FASTER)
     lab.log.wait("max_reconnect_attempts")
     lab.device.write_text(STATIC_URL, ONPREM)
-    moved(lab, changed(lab, "static URL", ONPREM), [CLOUD, ONPREM])
+    noticed = changed(lab, "static URL", ONPREM)
+    lab.wait_registered()
+    asked = lab.log.wait("da_enter_state:DA_STATE_DISCOVERY", since=noticed.index)
+    assert seconds_between(noticed, asked) <= 9, "not the minute that it was waiting"
+    assert asked_hosts(lab) == [CLOUD, ONPREM]
+    assert len(lab.controller.connections) == 1, "none to the old address"
 
 
 def test_while_registering(lab, start):

@@ -37,9 +37,7 @@ protected:
         for (const char *path : path_of)
             std::filesystem::remove_all(path);
         moves.clear();
-        hooks.close_for_config_change = [](const char *reason, size_t length) {
-            moves.emplace_back(reason, length);
-        };
+        hooks.address_changed = [](const char *reason, size_t length) { moves.emplace_back(reason, length); };
     }
     void TearDown() override
     {

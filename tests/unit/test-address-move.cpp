@@ -8,8 +8,6 @@
 #include "platform/controller-sources.h"
 #include "tests/unit/connection-test.h"
 
-static const char *const in_progress = "Another connection is in progress , please wait for reconnect";
-
 /* A pass asks every source and finds what the test says. */
 static void ask_all(void)
 {
@@ -33,12 +31,6 @@ protected:
     void TearDown() override
     {
         address_watch_reset();
-        /* A retry of the move that still waits ends where there is a discovery delay to replace. */
-        stay_idle = 0;
-        da.state = DA_STATE_IDLE;
-        idle_timeout = 60;
-        timer_arm(discovery_timer, 60);
-        run_until([] { return idle_timeout == 5; }, 12);
         connection_test::TearDown();
     }
 };
@@ -98,43 +90,40 @@ TEST_F(address_move, discovering)
     EXPECT_LE(took, 12) << "instead of the 300 seconds after a failed pass";
 }
 
-TEST_F(address_move, connecting_it_leaves_as_soon_as_it_is_connected)
+TEST_F(address_move, connecting_it_gives_the_attempt_up)
 {
     begin_connecting();
     change();
-    EXPECT_NE(seconds_until([] { return file_text(ORV_STATE_FILE) == in_progress; }), -1);
-    EXPECT_EQ(library.wire.size(), 0u);
-    in_library([] { fake_established(fake_handle()); });
-    int took = seconds_until([] { return close_reason_on_wire() == "DEV_CFG_UPDATE"; });
-    EXPECT_GE(took, 0);
-    EXPECT_LE(took, 7);
-}
-
-TEST_F(address_move, connecting_in_vain_it_does_not_wait_for_another_attempt)
-{
-    begin_connecting();
-    change();
-    EXPECT_NE(seconds_until([] { return ws.reconnect_attempts == 3; }), -1);
-    in_library([] { fake_refused(fake_handle()); });
-    EXPECT_EQ(da.state, DA_STATE_IDLE);
     int took = seconds_until(discovered);
-    EXPECT_GE(took, 5);
-    EXPECT_LE(took, 16);
+    EXPECT_GE(took, 7);
+    EXPECT_LE(took, 12) << "not the minute that a silent server may take";
+    EXPECT_EQ(library.wire.size(), 0u);
+    EXPECT_EQ(library.connects.size(), 2u) << "the second one is to the new address";
+    EXPECT_TRUE(was_logged("start close connect_cb"));
 }
 
-TEST_F(address_move, waiting_for_reconnect_the_attempt_that_comes_is_the_last)
+TEST_F(address_move, waiting_for_reconnect_it_waits_no_longer)
 {
     begin_connecting();
     in_library([] { fake_refused(fake_handle()); });
     EXPECT_EQ(da.state, DA_STATE_CONNECTING) << "60 to 79 seconds to wait";
     size_t connects = library.connects.size();
     change();
-    EXPECT_NE(seconds_until([&] { return library.connects.size() > connects; }), -1);
-    EXPECT_EQ(ws.reconnect_attempts, 3);
-    in_library([] { fake_refused(fake_handle()); });
     int took = seconds_until(discovered);
-    EXPECT_GE(took, 5);
-    EXPECT_LE(took, 16);
+    EXPECT_GE(took, 7);
+    EXPECT_LE(took, 12);
+    EXPECT_EQ(library.connects.size(), connects + 1) << "none to the old address";
+}
+
+TEST_F(address_move, a_controller_that_does_not_close_is_left_all_the_same)
+{
+    connect_agent();
+    cancel_registration();
+    change();
+    EXPECT_NE(seconds_until([] { return !close_reason_on_wire().empty(); }), -1);
+    int took = seconds_until(discovered);
+    EXPECT_GE(took, 40);
+    EXPECT_LE(took, 48) << "30 and 5 seconds for the closure, and five";
 }
 
 /* A DHCP client that renews: the file goes and comes back with the same text. */

@@ -328,7 +328,7 @@ TEST_F(start_test, the_controllers_address_is_watched)
     ASSERT_EQ(symlink("/etc/velmora/linked", DHCP_43_FILE), 0);
     start();
     EXPECT_EQ(ev_count_fds(), 1) << "the folders' events";
-    hooks.close_for_config_change = [](const char *reason, size_t) { step(reason); };
+    hooks.address_changed = [](const char *reason, size_t) { step(reason); };
     char url[URL_TEXT_SIZE];
     EXPECT_EQ(platform_get_dhcp43_url(url), 0);
     write_file("/etc/velmora/linked", "new.example");
