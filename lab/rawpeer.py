@@ -124,7 +124,7 @@ class RawPeer:
         self._world.wait(write())
 
     def pause(self) -> None:
-        """Reads no further frame: when the buffers on the way are full the agent can send no more."""
+        """Reads no further frame: once the buffers on the way are full the agent cannot send."""
         self._world.call(self._reading.clear)
 
     def resume(self) -> None:

@@ -1,4 +1,4 @@
-"""A controller that asks faster than it reads: order, frame size and budget of what waits for it."""
+"""A controller that asks faster than it reads: order, size and budget of what waits for it."""
 
 import json
 import re
