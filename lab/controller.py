@@ -24,6 +24,7 @@ PLAIN_PORT = 8080
 """Without TLS and at the loopback address of the world: for a proxy that ends TLS in front."""
 SUBPROTOCOL = "websock_protocol"
 REGISTER = 100
+REGISTER_SUCCESS = 400
 _MESSAGE_LIMIT = 64 * 1024 * 1024
 
 
@@ -84,6 +85,8 @@ class Connection:
         self.headers = dict(request.headers)
         self.subprotocols_offered = request.headers.get("Sec-WebSocket-Protocol", "")
         self.open = True
+        self.accepted = False
+        """Whether the controller has answered this connection's REGISTER with 400."""
         self.close_code: Optional[int] = None
         self.close_reason: Optional[str] = None
         """Code and reason of the agent's close frame; None when it sent none."""
@@ -172,11 +175,15 @@ class Controller:
     # -- what tests do ----------------------------------------------------------------------
 
     @property
+    def newest(self) -> Optional[Connection]:
+        """The newest connection that is still open, if there is one."""
+        return next((one for one in reversed(self.connections) if one.open), None)
+
+    @property
     def current(self) -> Connection:
-        """The newest connection that is still open."""
-        for connection in reversed(self.connections):
-            if connection.open:
-                return connection
+        """The newest connection that is still open; a test that needs one fails without."""
+        if self.newest is not None:
+            return self.newest
         raise AssertionError(f"the agent is not connected\n{self._journal.explain()}")
 
     def send(self, message: dict[str, Any], unchecked: bool = False) -> None:
@@ -185,7 +192,7 @@ class Controller:
 
     def send_raw(self, text: str, unchecked: bool = False) -> None:
         """Sends this text to the agent; `unchecked` when it is wrong on purpose."""
-        self._world.wait(self._send(self.current, text, unchecked))
+        self._world.wait(self.deliver(self.current, text, unchecked))
 
     def send_bytes(self, data: bytes) -> None:
         """Puts any bytes on the connection: frames that were made elsewhere."""
@@ -204,13 +211,14 @@ class Controller:
         if transport is not None:
             self._world.call(transport.abort)
 
-    # -- serving ----------------------------------------------------------------------------
-
-    async def _send(self, connection: Connection, text: str, unchecked: bool = False) -> None:
+    async def deliver(self, connection: Connection, text: str, unchecked: bool = False) -> None:
+        """Sends this text over this connection; for what runs in the services' own loop."""
         if not unchecked:
             schemas.check("to-agent", text)
         self._journal.note("to-agent", text=text, connection=connection)
         await connection.socket.send_str(text)
+
+    # -- serving ----------------------------------------------------------------------------
 
     async def _serve(self, request: web.Request) -> web.StreamResponse:
         if self.refuse_upgrades:
@@ -265,7 +273,8 @@ class Controller:
         if message.get("msgType") == REGISTER:
             answer = self.next_answers.pop(0) if self.next_answers else self.on_register
             for reply in answer.messages():
-                await self._send(connection, json.dumps(reply))
+                connection.accepted |= reply["msgType"] == REGISTER_SUCCESS
+                await self.deliver(connection, json.dumps(reply))
 
     async def _receive_ping(self, connection: Connection, payload: bytes) -> None:
         try:

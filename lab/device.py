@@ -28,6 +28,7 @@ BASE_ENVIRONMENT = {
     "HOME": "/root",
     "LANG": "C.UTF-8",
 }
+FOLDER_PREFIX = "quill-lab-"
 _START_SECONDS = 20.0
 _PID = re.compile(r"pid (\d+)\n")
 _NAMESPACES = {"net": linux.CLONE_NEWNET, "uts": linux.CLONE_NEWUTS, "ipc": linux.CLONE_NEWIPC,
@@ -83,7 +84,7 @@ class Device:
     def start(self) -> None:
         """Makes the device and returns when it is ready to run programs."""
         try:
-            self._folder = Path(tempfile.mkdtemp(prefix=f"quill-lab-{os.getpid()}-"))
+            self._folder = Path(tempfile.mkdtemp(prefix=f"{FOLDER_PREFIX}{os.getpid()}-"))
             for name in ("base", "flash/config", "records", "output", "status", "shared"):
                 (self._folder / name).mkdir(parents=True)
             os.mkfifo(self._folder / "requests")

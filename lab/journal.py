@@ -60,6 +60,11 @@ class Journal:
         with self._changed:
             self._listeners.append(listener)
 
+    def unsubscribe(self, listener: Callable[[Event], None]) -> None:
+        """Ends `subscribe`; a call that is under way still comes."""
+        with self._changed:
+            self._listeners.remove(listener)
+
     def events(self, kind: Optional[str] = None, since: int = 0) -> list[Event]:
         """A copy of the events from position `since` on, of one kind or of all."""
         with self._changed:

@@ -50,6 +50,7 @@ class _Document(NamedTuple):
     name: str
     schema: dict[str, Any]
     validator: Any
+    answers: tuple[int | None, int | None]
 
 
 class _Documents(NamedTuple):
@@ -88,6 +89,12 @@ def name_of(direction: str, number: Any) -> str:
     return document.name if document else "unknown"
 
 
+def answers_to(number: Any) -> tuple[int | None, int | None]:
+    """Return the numbers that answer a message to the agent: for success and for failure."""
+    document = _load().messages.get(("to-agent", number)) if type(number) is int else None
+    return document.answers if document else (None, None)
+
+
 def check_ping(payload: str | bytes) -> dict[str, Any]:
     """Return the members of the payload of one of the agent's PING frames, or raise SchemaError."""
     document = _load().ping
@@ -109,7 +116,8 @@ def _load() -> _Documents:
     def document(row: dict[str, Any]) -> _Document:
         uri = (PROTOCOL / row["schema"]).as_uri()
         resolver = RefResolver(base_uri=uri, referrer=store[uri], store=store)
-        return _Document(row["name"], store[uri], _Validator(store[uri], resolver=resolver))
+        return _Document(row["name"], store[uri], _Validator(store[uri], resolver=resolver),
+                         (row.get("reply"), row.get("failure")))
 
     messages = {(row["direction"], row["msgType"]): document(row) for row in catalogue["messages"]}
     return _Documents(messages, document(catalogue["ping"]))
