@@ -14,7 +14,6 @@ import termios
 import threading
 import time
 import tty
-from types import FrameType
 from typing import Any, Optional
 from urllib.parse import urlsplit
 
@@ -23,17 +22,15 @@ from lab import needs
 if needs.complaint():
     sys.exit(needs.complaint())
 
+from lab.ctlserver import CtlServer  # noqa: E402
 from lab.device import require_root  # noqa: E402 - after the check of what they import
 from lab.lab import Lab, find_agent  # noqa: E402
 from lab.liveview import Printer  # noqa: E402
+from lab.stopping import Stop, on_signals  # noqa: E402
 
 _HELP = """keys: c = kill the controller's connection   n = cut / restore the network
       k = kill the agent   r = reboot the device   s = status   q = quit (or Ctrl-C)"""
 _TICK_SECONDS = 0.2
-
-
-class _Stop(Exception):
-    """The user or a signal asked for the end."""
 
 
 def _arguments() -> argparse.Namespace:
@@ -128,7 +125,7 @@ class _Session:
                            f"network: {'cut' if self._cut else 'in'}")
 
     def _quit(self) -> None:
-        raise _Stop
+        raise Stop
 
 
 def _use_dhcp(lab: Lab, url: Optional[str], domain: Optional[str]) -> None:
@@ -149,7 +146,7 @@ def _run(arguments: argparse.Namespace, printer: Printer) -> int:
         if event.kind == "log" and "MSG_REGISTER_SUCCESS received" in event["message"]:
             registered.set()
 
-    with Lab(progress=printer.line) as lab, _Keys() as keys:
+    with Lab(progress=printer.line) as lab, CtlServer(lab), _Keys() as keys:
         lab.journal.subscribe(printer.event)
         lab.journal.subscribe(look)
         session = _Session(lab, printer)
@@ -158,6 +155,8 @@ def _run(arguments: argparse.Namespace, printer: Printer) -> int:
         lab.start_agent(arguments.agent, arguments.agent_options or ["-d", "3"],
                         faketime=arguments.faketime)
         printer.line(f"look inside from another terminal: sudo nsenter -a -t {lab.device.pid} sh\n"
+                     "move the controller from there, too: ./dev ctl --help "
+                     f"(this is lab {os.getpid()})\n"
                      + (_HELP if keys.active else "Ctrl-C ends it"))
         deadline = time.monotonic() + arguments.timeout
         while not (arguments.until and registered.is_set()):
@@ -176,23 +175,16 @@ def _run(arguments: argparse.Namespace, printer: Printer) -> int:
         return 1 if problems else 0
 
 
-def _on_signal(_number: int, _frame: Optional[FrameType]) -> None:
-    for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
-        signal.signal(number, signal.SIG_IGN)  # the clean-up runs undisturbed
-    raise _Stop
-
-
 def main() -> int:
     """Runs until told to stop; see the text at the top."""
     arguments = _arguments()
     require_root()
     printer = Printer()
-    for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
-        signal.signal(number, _on_signal)
+    on_signals()
     try:
         find_agent(arguments.agent)
         return _run(arguments, printer)
-    except _Stop:
+    except Stop:
         printer.line("stopped; everything is taken down")
         return 1 if arguments.until else 0
     except (OSError, RuntimeError, ValueError) as error:

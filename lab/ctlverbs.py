@@ -1,0 +1,234 @@
+"""The words of `./dev ctl`: for each verb its arguments, the command it stands for, what it prints.
+
+A new group of verbs is one more tuple in `GROUPS`.
+"""
+
+import argparse
+import datetime
+import json
+import sys
+from collections.abc import Callable
+from dataclasses import dataclass
+from pathlib import Path
+from typing import Any, Optional
+
+Request = tuple[str, dict[str, Any]]
+"""A command of `lab.commands` and its arguments."""
+
+
+class BadUsage(Exception):
+    """What was typed cannot be meant; the text says why."""
+
+
+def _no_arguments(_parser: argparse.ArgumentParser) -> None:
+    pass
+
+
+def _no_output(_arguments: argparse.Namespace, _data: dict[str, Any]) -> None:
+    pass
+
+
+@dataclass(frozen=True)
+class Verb:
+    """One verb; `words` is "group verb" or one word alone."""
+
+    words: str
+    help: str
+    request: Callable[[argparse.Namespace], Request]
+    arguments: Callable[[argparse.ArgumentParser], None] = _no_arguments
+    output: Callable[[argparse.Namespace, dict[str, Any]], None] = _no_output
+    """Prints what a finished command has found out."""
+    bare: bool = False
+    """Standard output is for `output` alone: the messages go to standard error."""
+
+
+# -- config ---------------------------------------------------------------------------------
+
+def _read(name: str) -> str:
+    try:
+        raw = sys.stdin.buffer.read() if name == "-" else Path(name).read_bytes()
+        return raw.decode("utf-8")
+    except OSError as error:
+        raise BadUsage(f"{name}: {error.strerror}") from None
+    except UnicodeDecodeError:
+        raise BadUsage(f"{name}: this is not UTF-8 text") from None
+
+
+def _push_arguments(parser: argparse.ArgumentParser) -> None:
+    parser.add_argument("file", metavar="FILE", help='the configuration; "-" is standard input')
+    form = parser.add_mutually_exclusive_group()
+    form.add_argument("--object", dest="form", action="store_const", const="object",
+                      help="it is a JSON object")
+    form.add_argument("--cli", dest="form", action="store_const", const="cli",
+                      help="it is text for the device's shell "
+                           "(without either: an object if it can be read as one)")
+    parser.add_argument("--overwrite", action="store_true",
+                        help="it replaces the whole configuration; with text the device reboots")
+    parser.add_argument("--native", metavar="FILE", help="a native part, applied behind an object")
+
+
+def _push(arguments: argparse.Namespace) -> Request:
+    text = _read(arguments.file)
+    config: Any = text
+    if arguments.form != "cli":
+        try:
+            config = json.loads(text)
+            if not isinstance(config, dict):
+                raise ValueError("it is JSON, but not an object")
+        except ValueError as error:
+            if arguments.form == "object":
+                raise BadUsage(f"{arguments.file}: not a JSON object: {error}") from None
+            config = text
+    if arguments.native and isinstance(config, str):
+        raise BadUsage("--native goes with an object only")
+    native = _read(arguments.native) if arguments.native else None
+    return "config-push", {"config": config, "overwrite": arguments.overwrite, "native": native}
+
+
+def _pull_arguments(parser: argparse.ArgumentParser) -> None:
+    parser.add_argument("file", metavar="FILE", nargs="?", default="-",
+                        help="where to write it (without: to standard output)")
+
+
+def _pulled(arguments: argparse.Namespace, data: dict[str, Any]) -> None:
+    if arguments.file == "-":
+        sys.stdout.write(data["config"])
+        return
+    try:
+        Path(arguments.file).write_text(data["config"], encoding="utf-8")
+    except OSError as error:
+        raise BadUsage(f"{arguments.file}: {error.strerror}") from None
+
+
+CONFIG = (
+    Verb("config push", "change the device's configuration", _push, _push_arguments),
+    Verb("config pull", "read the device's stored configuration",
+         lambda arguments: ("config-pull", {}), _pull_arguments, _pulled, bare=True),
+)
+
+
+# -- directives -----------------------------------------------------------------------------
+
+def _integer(text: str) -> int:
+    value = int(text)
+    if not -2**31 <= value < 2**31:
+        raise ValueError(text)
+    return value
+
+
+_integer.__name__ = "32-bit integer"  # argparse names it so in its complaints
+
+
+def _reboot_arguments(parser: argparse.ArgumentParser) -> None:
+    parser.add_argument("--reason", metavar="TEXT", help="handed to the device's shutdown script")
+    parser.add_argument("--delay", metavar="SECONDS", type=_integer,
+                        help="until the connection is closed (the device's default: 5)")
+    parser.add_argument("--force", action="store_true")
+
+
+def _intervals_arguments(parser: argparse.ArgumentParser) -> None:
+    parser.add_argument("wait", metavar="WAIT", type=_integer, help="seconds")
+    parser.add_argument("delta", metavar="DELTA", type=_integer,
+                        help="seconds of which a random part is added")
+
+
+def _clock(arguments: argparse.Namespace) -> Request:
+    """Seconds since the epoch, or a date in UTC."""
+    text = arguments.time
+    try:
+        return "clock", {"seconds": int(text)}
+    except ValueError:
+        pass
+    try:
+        when = datetime.datetime.fromisoformat(text)
+    except ValueError:
+        raise BadUsage(f'{text!r} is no time; try 1767323045 or "2026-01-02 03:04:05"') from None
+    if when.tzinfo is None:
+        when = when.replace(tzinfo=datetime.timezone.utc)
+    return "clock", {"seconds": int(when.timestamp())}
+
+
+def _printed(_arguments: argparse.Namespace, data: dict[str, Any]) -> None:
+    for name, value in data.items():
+        if name.endswith("TS"):
+            value = _utc(value)
+        print(f"{name + ':':18} {value}".rstrip())
+
+
+def _utc(seconds: int) -> str:
+    if seconds <= 0:
+        return "-"
+    when = datetime.datetime.fromtimestamp(seconds, datetime.timezone.utc)
+    return when.strftime("%Y-%m-%d %H:%M:%S UTC")
+
+
+def _managed_arguments(parser: argparse.ArgumentParser) -> None:
+    parser.add_argument("--managed", choices=["yes", "no"])
+    parser.add_argument("--account", metavar="ID", help='the account id; "" clears it')
+    parser.add_argument("--expiry", metavar="DATE", help="the hardware's expiry date")
+
+
+DIRECTIVES = (
+    Verb("reboot", "reboot the device",
+         lambda a: ("reboot", {"reason": a.reason, "delay": a.delay, "force": a.force}),
+         _reboot_arguments),
+    Verb("status", "give the device a connection status to show",
+         lambda a: ("status", {"text": a.text}),
+         lambda parser: parser.add_argument("text", metavar="TEXT") and None),
+    Verb("intervals", "set how long it waits before it looks for a controller anew",
+         lambda a: ("intervals", {"wait": a.wait, "delta": a.delta}), _intervals_arguments),
+    Verb("clock", "make it register anew and offer it this time", _clock,
+         lambda parser: parser.add_argument(
+             "time", metavar="TIME",
+             help='seconds since the epoch (0: offer none) or "2026-01-02 03:04:05", UTC')
+         and None),
+    Verb("locate", "blink its lights", lambda a: ("locate", {})),
+    Verb("info", "why it last closed and rebooted, and since when it runs",
+         lambda a: ("info", {}), output=_printed),
+    Verb("managed", "tell it whether and for whom it is managed",
+         lambda a: ("managed", {"managed": {"yes": True, "no": False}.get(a.managed),
+                                "account": a.account, "expiry": a.expiry}), _managed_arguments),
+)
+
+
+# -- looking --------------------------------------------------------------------------------
+
+def _send_arguments(parser: argparse.ArgumentParser) -> None:
+    parser.add_argument("json", metavar="JSON", help='the message; "-" is standard input')
+    parser.add_argument("--unchecked", action="store_true",
+                        help="send it although docs/protocol does not know it")
+
+
+def _count(text: str) -> int:
+    if int(text) < 1:
+        raise ValueError(text)
+    return int(text)
+
+
+_count.__name__ = "positive number"
+
+
+def _state(_arguments: argparse.Namespace, data: dict[str, Any]) -> None:
+    number: Optional[int] = data["connection"]
+    connection = "none" if number is None else f"number {number}, " + (
+        "registered" if data["registered"] else "not registered")
+    print(f"status shown:  {data['status']}\n"
+          f"connection:    {connection}\n"
+          f"connections:   {data['connections']}\n"
+          f"agent:         {'running' if data['running'] else 'down'}, starts: {data['starts']}")
+
+
+LOOKING = (
+    Verb("send", "send a message of your own",
+         lambda a: ("send", {"text": _read("-").strip() if a.json == "-" else a.json,
+                             "unchecked": a.unchecked}), _send_arguments),
+    Verb("watch", "show the messages both ways as they happen (Ctrl-C ends it)",
+         lambda a: ("watch", {"count": a.count}),
+         lambda parser: parser.add_argument("--count", metavar="N", type=_count, default=0,
+                                            help="end after N messages") and None),
+    Verb("state", "show how the device is (exit status 0 while it is registered)",
+         lambda a: ("state", {}), output=_state),
+)
+
+GROUPS: tuple[tuple[Verb, ...], ...] = (CONFIG, DIRECTIVES, LOOKING)
+GROUP_HELP = {"config": "the device's configuration"}
