@@ -107,8 +107,9 @@ class Lab:
         self._undo.append(self.dhcp.stop)
         self._step("", self.log.start, self.log.stop)
         self._step("", self.shown.start, self.shown.stop)
-        self._step("", self._listen_for_reboots, self._listen_no_more)
         self._undo.append(self.supervisor.stop)
+        # Taken down before the supervisor: a reboot under way starts the agent at its end.
+        self._step("", self._listen_for_reboots, self._listen_no_more)
 
     def _step(self, words: str, do: Callable[[], None], undo: Callable[[], None]) -> None:
         if words:

@@ -3,6 +3,7 @@
 import os
 import signal
 import subprocess
+import threading
 import time
 from pathlib import Path
 
@@ -12,6 +13,7 @@ from leftovers import Leftovers
 
 from lab import schemas
 from lab.device import PYTHON, REPOSITORY, Device
+from lab.lab import Lab
 
 EXEC = [PYTHON, "-m", "lab.exec"]
 
@@ -79,6 +81,14 @@ def test_a_reboot_keeps_flash_alone(lab):
     assert "sleep" not in programs(lab)
     assert lab.device.read_text("/mnt/flash/.last_reboot_reason").endswith(":REASON")
     assert lab.device.records("shutdown.sh") == [["REASON"]]
+
+
+def test_a_lab_can_end_while_its_device_reboots(binary):
+    with Lab() as lab:
+        lab.start_agent(binary)
+        lab.device.run(["/usr/bin/scripts/shutdown.sh", "REASON"], check=True)
+        lab.journal.wait("rebooting")
+    assert "lab-supervisor" not in [thread.name for thread in threading.enumerate()]
 
 
 def test_names_come_and_go(lab):
