@@ -1,73 +1,84 @@
-"""Makes a configuration true on the simulated device: its name, its "eth0", its route."""
+"""Makes a configuration true on the simulated device: its name, its "eth0", its route.
 
-import json
+Whoever asks for a change waits for it, at times with a clock that runs a hundred times faster: what
+is in force is read from the kernel directly, and what has to change goes through one run of `ip`.
+"""
+
+import fcntl
 import socket
+import struct
 import subprocess
 import sys
 
 from lab.scmd.model import Config
 
 UPLINK = "eth0"
-
-
-def _ip(*words: str, check: bool = True) -> str:
-    done = subprocess.run(["ip", *words], capture_output=True, text=True, check=False)
-    if check and done.returncode != 0:
-        print(f"ip {' '.join(words)}: {done.stderr.strip()}", file=sys.stderr)
-    return done.stdout if done.returncode == 0 else ""
+_SIOCGIFADDR = 0x8915
+_SIOCGIFNETMASK = 0x891B
+_UP_GATEWAY = 3  # flags of a route
 
 
 def _links() -> list[str]:
-    return [link["ifname"] for link in json.loads(_ip("-j", "link") or "[]")]
+    return [name for _, name in socket.if_nameindex()]
 
 
-def _addresses(link: str) -> list[str]:
-    found = json.loads(_ip("-j", "-4", "address", "show", "dev", link, check=False) or "[]")
-    return [f"{entry['local']}/{entry['prefixlen']}"
-            for one in found for entry in one.get("addr_info", [])]
+def _address(link: str) -> str:
+    """The (first) address of an interface with its prefix length, or an empty text."""
+    request = struct.pack("256s", link.encode())
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as asked:
+        try:
+            address = fcntl.ioctl(asked, _SIOCGIFADDR, request)[20:24]
+            mask = fcntl.ioctl(asked, _SIOCGIFNETMASK, request)[20:24]
+        except OSError:
+            return ""
+    return f"{socket.inet_ntoa(address)}/{int.from_bytes(mask, 'big').bit_count()}"
 
 
 def _gateway() -> str:
-    routes = json.loads(_ip("-j", "route", "show", "default") or "[]")
-    return routes[0].get("gateway", "") if routes else ""
+    with open("/proc/net/route", encoding="ascii") as routes:
+        for line in routes.readlines()[1:]:
+            words = line.split()
+            if words[1] == words[7] == "00000000" and int(words[3], 16) == _UP_GATEWAY:
+                return socket.inet_ntoa(struct.pack("=L", int(words[2], 16)))
+    return ""
 
 
-def _address_link(vlan: int) -> str:
-    """The interface that bears the management address; "" where the kernel cannot make it."""
-    wanted = f"{UPLINK}.{vlan}"
-    for link in _links():
-        if link.startswith(UPLINK + ".") and link != wanted:
-            _ip("link", "delete", link)
-    if vlan == 0:
-        return UPLINK
-    if wanted not in _links():
-        _ip("link", "add", "link", UPLINK, "name", wanted, "type", "vlan", "id", str(vlan))
-        if wanted not in _links():
-            return ""
-    _ip("link", "set", wanted, "up")
-    return wanted
+def _commands(management: Config) -> list[str]:
+    """What `ip` has to do so that the device is as the configuration says."""
+    vlan, gateway = management["vlan"], management["gateway"]
+    link = f"{UPLINK}.{vlan}" if vlan else UPLINK
+    wanted = "" if management["address"] == "none" else management["address"]
+    links, commands = _links(), []
+    commands += [f"link delete {other}" for other in links
+                 if other.startswith(UPLINK + ".") and other != link]
+    if link != UPLINK and _address(UPLINK):
+        commands.append(f"address flush dev {UPLINK}")
+    if link not in links:
+        commands += [f"link add link {UPLINK} name {link} type vlan id {vlan}", f"link set {link} up"]
+    moved = _address(link) != wanted
+    if moved and link in links:
+        commands.append(f"address flush dev {link}")
+    if moved and wanted:
+        commands.append(f"address add {wanted} dev {link}")
+    if moved or commands or _gateway() != gateway:
+        commands.append(f"route replace default via {gateway} dev {link}" if gateway
+                        else "route flush default")
+    return commands
 
 
 def apply(config: Config) -> None:
     """Changes what is not yet as the configuration says; returns when it is in force.
 
-    A gateway that cannot be reached is not set: the device then has no way out, as a real one.
+    What the kernel refuses is reported and passed over: a gateway that cannot be reached, a VLAN on
+    a kernel without them. The device then has no way out, as a real one would.
     """
     if socket.gethostname() != config["system"]["hostname"]:
         socket.sethostname(config["system"]["hostname"])
-    management = config["management"]
-    if management["address"] == "dhcp":
+    if config["management"]["address"] == "dhcp":
         return  # the DHCP client's business
-    link = _address_link(management["vlan"])
-    wanted = [management["address"]] if management["address"] != "none" else []
-    if link != UPLINK:
-        _ip("-4", "address", "flush", "dev", UPLINK)
-    if link and _addresses(link) != wanted:
-        _ip("-4", "address", "flush", "dev", link)
-        for address in wanted:
-            _ip("address", "add", address, "dev", link)
-    if _gateway() != management["gateway"]:
-        if _gateway():
-            _ip("route", "delete", "default")
-        if management["gateway"] and link:
-            _ip("route", "add", "default", "via", management["gateway"], "dev", link)
+    commands = _commands(config["management"])
+    if commands:
+        done = subprocess.run(["ip", "-force", "-batch", "-"], input="\n".join(commands) + "\n",
+                              capture_output=True, text=True, check=False)
+        if done.returncode != 0:
+            print(f"ip: {done.stderr.strip()}", file=sys.stderr)
