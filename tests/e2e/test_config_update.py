@@ -3,7 +3,7 @@
 import pytest
 from configs import (BACKUP, CONFIG, FLAG, OBJECT_STEPS, PARTIAL, REVERTED, expect_failure,
                      expect_steps, pull, push)
-from expect import fence, until
+from expect import fence, seconds_between, until
 
 
 def test_an_object_goes_to_the_daemon(online):
@@ -75,8 +75,14 @@ def test_a_text_that_overwrites_takes_a_reboot(online):
     until(lab, lambda: lab.device.exists(FLAG), "the flag file")
     assert lab.scmd.running()["radios"]["radio0"]["channel"] == 36, "not before the reboot"
     assert lab.device.records("shutdown.sh") == []
+    decided = lab.log.wait("Rebooting device in 10 seconds to apply new config")
     closed = lab.controller.wait_closed()
     assert (closed.close_code, closed.close_reason) == (1000, "DEV_REBOOT")
+    sent = lab.log.wait("Sent CLOSE frame")
+    assert 9 <= seconds_between(decided, sent) <= 14
+    assert lab.device.records("shutdown.sh") == [], "not before the close frame got through"
+    going = lab.log.wait("** Please standby rebooting device **")
+    assert 4 <= seconds_between(sent, going) <= 9
     lab.journal.wait("rebooted")
     assert lab.device.records("shutdown.sh") == [["SRV_CFG_UPD"]]
     lab.wait_registered()
