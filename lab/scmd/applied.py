@@ -9,6 +9,7 @@ import socket
 import struct
 import subprocess
 import sys
+from typing import Optional
 
 from lab.scmd.model import Config
 
@@ -66,16 +67,19 @@ def _commands(management: Config) -> list[str]:
     return commands
 
 
-def apply(config: Config) -> None:
-    """Changes what is not yet as the configuration says; returns when it is in force.
+def apply(config: Config, before: Optional[Config]) -> None:
+    """Changes what is not yet as the configuration says; returns when it is in force. `before` is
+    the configuration until now: where it had the same network, that is left as somebody else (a
+    DHCP client, a person) may have made it meanwhile.
 
     What the kernel refuses is reported and passed over: a gateway that cannot be reached, a VLAN on
     a kernel without them. The device then has no way out, as a real one would.
     """
     if socket.gethostname() != config["system"]["hostname"]:
         socket.sethostname(config["system"]["hostname"])
-    if config["management"]["address"] == "dhcp":
-        return  # the DHCP client's business
+    same = before is not None and before["management"] == config["management"]
+    if same or config["management"]["address"] == "dhcp":
+        return
     commands = _commands(config["management"])
     if commands:
         done = subprocess.run(["ip", "-force", "-batch", "-"], input="\n".join(commands) + "\n",

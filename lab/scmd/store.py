@@ -48,6 +48,7 @@ def running() -> model.Config:
 def put_in_force(config: model.Config) -> None:
     """Makes the configuration the running one, on the device too. The items change by name: those
     that others keep in the same file stay."""
+    before = running() if RUNNING.exists() else None
     _replace(RUNNING, json.dumps(config))
     try:
         known = json.loads(ITEMS.read_text(encoding="utf-8"))
@@ -56,7 +57,7 @@ def put_in_force(config: model.Config) -> None:
     now = {**known, **model.items(config)}
     if now != known:
         _replace(ITEMS, json.dumps(now) + "\n")
-    applied.apply(config)
+    applied.apply(config, before)
 
 
 def save() -> None:

@@ -100,6 +100,14 @@ def test_the_management_address_comes_true_and_back(lab, line, addresses, gatewa
     assert uplink(lab) == (["10.77.0.2/24"], ["10.77.0.1"])
 
 
+def test_an_address_from_elsewhere_stays_until_the_configuration_has_another(lab):
+    lab.device.run(["ip", "address", "add", "10.77.0.3/24", "dev", "eth0"], check=True)
+    clish(lab, "-e", "set radio0 power 3")
+    assert uplink(lab)[0] == ["10.77.0.2/24", "10.77.0.3/24"]
+    clish(lab, "-e", "set management address 10.77.0.4/24")
+    assert uplink(lab) == (["10.77.0.4/24"], ["10.77.0.1"])
+
+
 def test_the_daemon_keeps_items_that_are_applied_together(lab):
     def item():
         return json.loads(lab.device.read_text("/mnt/flash/config/db.json")).get("zapd_start_stop")
