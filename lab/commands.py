@@ -14,8 +14,7 @@ from typing import Any, Optional
 
 from lab import schemas
 from lab.controller import REGISTER, REGISTER_SUCCESS, Acceptance
-from lab.desk import (BAD, FENCE, FENCE_ANSWER, GOOD, MORE, Desk, Failed, Outcome, Verdict, answers,
-                      told)
+from lab.desk import BAD, GOOD, MORE, Desk, Failed, Outcome, Verdict, answers, told
 
 CONFIG_UPDATE = 106
 _CONFIG_STATUS, _CONFIG_FAILURE = 406, 706
@@ -99,7 +98,7 @@ async def offer_clock(desk: Desk, seconds: int) -> Outcome:
         finally:
             if offer in controller.next_answers:
                 controller.next_answers.remove(offer)
-        await desk.ask_silent(json.dumps(FENCE), answers(FENCE_ANSWER, None))
+        await desk.settle()
         made = desk.lab.device.records("date")[calls:]
     if made:
         return Outcome(True, f"the device set its clock: date {' '.join(made[0])}", {"date": made})

@@ -1,5 +1,6 @@
 """Moves the controller of a running lab from another terminal.
 
+"--->" marks what goes to the device, "<---" what comes from it.
 Exit status: 0 done, 1 failed (or no lab, no device, no answer), 2 typed wrongly.
 """
 

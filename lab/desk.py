@@ -137,22 +137,24 @@ class Desk:
         with self.listening() as events:
             await self._deliver(connection, text, unchecked)
             while True:
-                message, opinion = await self._next(events, connection, verdict)
+                message, opinion = await self._next(events, connection, verdict, text)
                 if opinion == GOOD:
                     return message
                 if opinion == BAD:
                     raise Failed(words(message))
 
-    async def ask_silent(self, text: str, verdict: Verdict, unchecked: bool = False) -> None:
+    async def ask_silent(self, text: Optional[str], verdict: Verdict,
+                         unchecked: bool = False) -> None:
         """Sends what is answered only when it is wrong. A second message follows, whose answer
         shows that the agent has dealt with the first; the client is not told of that one."""
         connection = self.connection()
         complaint = None
         with self.listening() as events:
-            await self._deliver(connection, text, unchecked)
+            if text is not None:
+                await self._deliver(connection, text, unchecked)
             await self._deliver(connection, json.dumps(FENCE), False)
             while True:
-                message, opinion = await self._next(events, connection, verdict, (FENCE_ANSWER,))
+                message, opinion = await self._next(events, connection, verdict, text)
                 if opinion == BAD:
                     complaint = complaint or words(message)
                 if message.get("msgType") == FENCE_ANSWER:
@@ -160,21 +162,26 @@ class Desk:
         if complaint:
             raise Failed(complaint)
 
+    async def settle(self) -> None:
+        """Waits until the agent has dealt with all that was sent to it before."""
+        await self.ask_silent(None, answers(None, None))
+
     async def _next(self, events: "asyncio.Queue[Event]", connection: Connection,
-                    verdict: Verdict, hidden: tuple[int, ...] = ()) -> tuple[dict[str, Any], Any]:
-        """The next message from the agent over this connection, and the verdict on it."""
+                    verdict: Verdict, sent: Optional[str]) -> tuple[dict[str, Any], Any]:
+        """The next message from the agent over this connection, and the verdict on it. The client
+        is told of it if the verdict is one, and of the message `sent` as that goes out."""
         while True:
             event = await events.get()
             if event.data.get("connection") is not connection:
                 continue
             if event.kind == "disconnected":
                 raise Failed("the device closed the connection before it answered")
-            if event.kind == "to-agent" and event["text"] != json.dumps(FENCE):
+            if event.kind == "to-agent" and event["text"] == sent:
                 await self.tell(told(event))
             if event.kind != "from-agent":
                 continue
             message = event["message"]
             opinion = verdict(message)
-            if opinion and message.get("msgType") not in hidden:
+            if opinion:
                 await self.tell(told(event))
             return message, opinion

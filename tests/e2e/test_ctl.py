@@ -62,6 +62,9 @@ def test_directives_and_their_answers(ctl, online):
         '---> 108 managed-info: {"msgType": 108, "managed": true, "accountId": "acme-7", '
         '"hwExpiryDate": "2031-12-31"}')
     assert online.device.read_text("/mnt/flash/config/account_id") == "acme-7"
+    assert untimed(ctl("managed").stdout).splitlines()[:2] == [
+        '---> 108 managed-info: {"msgType": 108}',
+        '<--- 408 managed-info-accepted: {"msgType": 408}']
     done = ctl("status", "Hall 3 is served")
     assert (done.returncode, untimed(done.stdout)) == (0, (
         '---> 697 orvanta-connect-status: {"msgType": 697, "Orvanta": {"status": '
@@ -171,6 +174,8 @@ def test_the_clock_is_offered_at_the_next_registration(ctl, online):
     assert done.stdout.endswith("done: the device set its clock: date 2026.01.02-03:04:05\n")
     assert online.device.records("date")[-1] == ["2026.01.02-03:04:05"]
     assert len(online.controller.connections) == 2
+    sent = [event["text"] for event in online.journal.events("to-agent")]
+    assert sent.count('{"msgType": 108}') == 1 and " 408 " not in done.stdout
     calls = len(online.device.records("date"))
     done = ctl("clock", "0")
     assert done.returncode == 0 and len(online.device.records("date")) == calls
@@ -232,6 +237,22 @@ def test_two_clients_take_turns(ctl, online):
     assert all(MANAGEMENT in text and "done: 13 lines" in text for text in said), said
 
 
+def test_what_belongs_to_others_is_passed_over(ctl, online):
+    online.controller.kill()
+    online.log.wait("DA_STATE_DISCONNECTED")
+    online.wait_registered()
+    online.supervisor.send_signal(signal.SIGSTOP)
+    online.controller.send({"msgType": 115})  # answered before what the client is going to send
+    asking = begin("send", '{"msgType": 117, "waitTime": 1}', "--unchecked")
+    assert "---> 117" in asking.stdout.readline()
+    online.journal.note("disconnected", connection=online.controller.connections[0], code=None,
+                        reason=None)  # heard of late
+    online.supervisor.send_signal(signal.SIGCONT)
+    said = untimed(asking.stdout.read())
+    assert re.fullmatch(r"<--- 717 .*\nfailed: BadRequest: Invalid deltaTime received\n", said), said
+    assert asking.wait() == 1
+
+
 def test_a_client_that_goes_lets_the_next_one_in(ctl, online):
     online.supervisor.send_signal(signal.SIGSTOP)
     first = begin("locate")
@@ -239,8 +260,11 @@ def test_a_client_that_goes_lets_the_next_one_in(ctl, online):
     first.send_signal(signal.SIGINT)
     assert first.wait(10) == 130
     first.stdout.close()
+    second = begin("info")
+    assert "---> 123" in second.stdout.readline(), "and not that it waits"
     online.supervisor.send_signal(signal.SIGCONT)
-    assert "waiting" not in ctl("info").stdout
+    assert "<--- 423" in second.stdout.read()
+    assert second.wait() == 0
 
 
 def test_the_lab_ends_under_a_client(online):
@@ -249,6 +273,7 @@ def test_the_lab_ends_under_a_client(online):
         until(online, lambda: len(online.journal._listeners) > 0, "the client to listen")
     assert watching.communicate(timeout=10)[0] == "ctl: the lab ended before it answered\n"
     assert watching.returncode == 1
+    assert not (online.device.folder / "ctl.sock").exists()
     done = run(*HERE, "state")
     assert done.returncode == 1 and "ctl: " in done.stderr
 
