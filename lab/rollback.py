@@ -7,6 +7,7 @@ is registered again.
 
 import datetime
 import re
+from pathlib import Path
 
 from lab import commands, network
 from lab.journal import Event
@@ -49,7 +50,9 @@ def _address(story: Narrator) -> str:
 
 
 def _stored(story: Narrator) -> str:
-    return story.lab.device.read_text(_CONFIG)
+    """The stored configuration, read beside the device: it may be rebooting."""
+    return (story.lab.device.folder / "flash" / Path(_CONFIG).relative_to("/mnt/flash")).read_text(
+        encoding="utf-8")
 
 
 def _registered(story: Narrator) -> str:
