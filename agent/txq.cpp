@@ -11,6 +11,8 @@
 
 #define MODULE "device-agent.c"
 
+enum { FLUSH_ROUNDS = 64 }; /* a frame or two each */
+
 txq_msg *txq;
 int32_t txq_mem_size;
 int32_t txq_depth;
@@ -111,6 +113,16 @@ void service_txq(void)
         LOG(LOG_EVENT, "%s: txq_depth %d", "service_txq", txq_depth);
     in_writable = 0;
     ws_request_writable();
+}
+
+void flush_txq(void)
+{
+    for (int rounds = 0; rounds < FLUSH_ROUNDS && txq; rounds++) {
+        if (!ws.established || ws.closing || ws.in_library)
+            return;
+        ws_request_writable();
+        ws_serve_library();
+    }
 }
 
 int send_msg(const txq_msg *element)

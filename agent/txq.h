@@ -39,6 +39,13 @@ int write_to_orv(const char *text, size_t length, int is_ping);
  */
 void service_txq(void);
 
+/*
+ * Puts what is queued on the wire now, as far as the socket takes it without waiting: for whoever is about to
+ * hold the loop up for long. What arrives meanwhile is dealt with after the caller has returned to the loop.
+ * Does nothing inside the library.
+ */
+void flush_txq(void);
+
 /* Writes one frame. Returns 0 when all of it was taken, else -1. Without a connection the agent is
  * disconnected. */
 int send_msg(const txq_msg *element);

@@ -328,6 +328,53 @@ TEST_F(txq_test, six_queued_frames_produce_the_depth_log_after_a_send)
     EXPECT_EQ(times_logged_beginning("service_txq: txq_depth "), 0) << "five are left after the first send";
 }
 
+/* ---- flushing ---- */
+
+TEST_F(txq_test, a_flush_needs_no_loop)
+{
+    std::string text = text_of(9000);
+    send(text);
+    send("text");
+    flush_txq();
+    ASSERT_EQ(library.wire.size(), 4u);
+    EXPECT_EQ(library.wire[3].payload, "text");
+    EXPECT_EQ(txq, nullptr);
+}
+
+TEST_F(txq_test, what_arrives_during_a_flush_waits_for_the_loop)
+{
+    static int handled;
+    handled = 0;
+    hooks.handle_orv_msg = [](char *, size_t, void *) { return ++handled; };
+    send("text");
+    library.script.push_back([] { fake_receive(fake_handle(), "{\"msgType\": 115}"); });
+    flush_txq();
+    EXPECT_EQ(library.wire.size(), 1u);
+    EXPECT_EQ(handled, 0);
+    EXPECT_TRUE(run_until([] { return handled == 1; }, 5));
+}
+
+TEST_F(txq_test, a_flush_does_not_wait_for_a_socket_that_takes_nothing)
+{
+    library.takes = 0;
+    send("text");
+    flush_txq();
+    EXPECT_EQ(txq_depth, 1);
+    library.takes = FAKE_TAKES_ALL;
+    drain();
+    EXPECT_EQ(library.wire.size(), 1u);
+}
+
+TEST_F(txq_test, a_flush_without_a_connection_does_nothing)
+{
+    da_enter_state(DA_STATE_DISCONNECTED);
+    da.state = DA_STATE_CONNECTED; /* a queue without a handle, as a lost connection leaves it for a moment */
+    send("text");
+    flush_txq();
+    EXPECT_EQ(txq_depth, 1);
+    da.state = DA_STATE_IDLE;
+}
+
 TEST_F(txq_test, a_purge_forgets_everything_and_tells_what)
 {
     send(text_of(5000));
