@@ -15,7 +15,7 @@ template <size_t size> void copy_text(char (&out)[size], const char *text)
 }
 
 /*
- * Expands a text from outside that is prescribed to be used as a format text, without arguments and without
+ * Expands a text from outside that serves as a format text, without arguments and without
  * letting it near printf: "%%" gives "%", any other conversion gives what it would print for an absent
  * argument (numbers "0", texts nothing), "%n" nothing. Writes at most `size` bytes with the NUL.
  */

@@ -83,18 +83,25 @@ void read_file(FILE *stream, char *buffer, size_t n)
     buffer[length] = '\0';
 }
 
-int read_value_file(const char *path, char *buffer, size_t n)
+file_ptr open_plain_file(const char *path)
 {
-    buffer[0] = '\0';
     /* Somebody else's pipe in "/tmp" must not stop the agent: it would wait for a writer for ever. */
     fd_guard fd(open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     struct stat status;
-    if (fd.fd < 0 || fstat(fd.fd, &status) != 0 || !S_ISREG(status.st_mode))
-        return -1;
-    file_ptr file(fdopen(fd.fd, "r"));
+    file_ptr file;
+    if (fd.fd >= 0 && fstat(fd.fd, &status) == 0 && S_ISREG(status.st_mode))
+        file.reset(fdopen(fd.fd, "r"));
+    if (file)
+        (void)fd.release();
+    return file;
+}
+
+int read_value_file(const char *path, char *buffer, size_t n)
+{
+    buffer[0] = '\0';
+    file_ptr file = open_plain_file(path);
     if (!file)
         return -1;
-    (void)fd.release();
     read_file(file.get(), buffer, n);
     return 0;
 }

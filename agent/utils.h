@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "agent/owners.h"
+
 /* Capacity of an address text as hostname_to_ip fills it. */
 enum { ADDRESS_TEXT_SIZE = 100 };
 
@@ -37,6 +39,9 @@ uint32_t random_number(uint32_t n);
  * always terminated.
  */
 void read_file(FILE *stream, char *buffer, size_t n);
+
+/* Opens a file for reading; null when it cannot be, or is no plain file: a pipe would wait for its writer. */
+file_ptr open_plain_file(const char *path);
 
 /* Opens and reads a value file as read_file does. Returns -1, with an empty buffer, when it cannot be opened
  * or is no plain file. */

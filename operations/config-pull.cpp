@@ -4,11 +4,9 @@
 #include <new>
 #include <string>
 
-#include <fcntl.h>
-#include <sys/stat.h>
-
 #include "agent/debug-log.h"
 #include "agent/text.h"
+#include "agent/utils.h"
 #include "operations/config-files.h"
 #include "protocol/error-codes.h"
 #include "protocol/message.h"
@@ -23,17 +21,11 @@ enum {
 
 static const char function[] = "platform_pull_and_send_config";
 
-/* Null, with a log line, when there is none; a pipe in its place does not count. */
+/* Null, with a log line, when there is none. */
 static file_ptr open_config(void)
 {
-    fd_guard fd(open(CONFIG_FILE, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-    struct stat status;
-    file_ptr file;
-    if (fd.fd >= 0 && fstat(fd.fd, &status) == 0 && S_ISREG(status.st_mode))
-        file.reset(fdopen(fd.fd, "r"));
-    if (file)
-        (void)fd.release();
-    else
+    file_ptr file = open_plain_file(CONFIG_FILE);
+    if (!file)
         LOG(LOG_FAILURE, "Failed to open file for reading");
     return file;
 }

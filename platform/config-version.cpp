@@ -41,12 +41,10 @@ int platform_bump_da_config_version(void)
         return -1;
     if (version < INT32_MAX)
         version++;
-    printf("new config value %d \n", version);
-    if (version == INT32_MAX)
-        version = 1;
-    if (replace_file(CONFVER_FILE, std::to_string(version)) != 0) {
+    if (replace_file(CONFVER_FILE, std::to_string(version == INT32_MAX ? 1 : version)) != 0) {
         LOG(LOG_FAILURE, "Unable to open (read case) the config version file");
         return -1;
     }
+    printf("new config value %d \n", version);
     return 0;
 }

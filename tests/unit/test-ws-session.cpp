@@ -70,7 +70,7 @@ using texts = std::vector<std::string>;
 
 /* ---- context and connection ---- */
 
-TEST_F(session_test, the_context_is_made_as_prescribed)
+TEST_F(session_test, the_context_is_made_as_the_agent_needs_it)
 {
     begin_connecting();
     EXPECT_EQ(library.contexts_made, 1);
@@ -93,7 +93,7 @@ TEST_F(session_test, the_librarys_own_verdicts_come_after_the_agents)
     EXPECT_GT(library.policy.secs_since_valid_hangup, 145);
 }
 
-TEST_F(session_test, the_connection_is_asked_for_as_prescribed)
+TEST_F(session_test, the_connection_is_asked_for_exactly)
 {
     begin_connecting();
     ASSERT_EQ(library.connects.size(), 1u);
