@@ -4,6 +4,7 @@
 #include "agent/debug-log.h"
 #include "agent/hooks.h"
 #include "agent/named-timer.h"
+#include "platform/state-files.h"
 
 #define MODULE "device-agent.c"
 
@@ -17,6 +18,9 @@ static void cfg_restore_timer_cb(void *)
     timer_fired(cfg_restore_timer);
     LOG(LOG_FAILURE, "%s: Reverting to last known good configuration", "cfg_restore_timer_cb");
     call_hook(hooks.platform_restore_cfg);
+    /* A signal during the copy may have let the idle state arm it once more. */
+    if (platform_device_reconfigured() != 0)
+        timer_disarm(cfg_restore_timer);
 }
 
 void start_cfg_restore_timer(void)

@@ -42,11 +42,17 @@ static void close_retry_cb(void *)
     close_for_config_change(rcb_data.text, rcb_data.length);
 }
 
-void close_for_config_change(const char *reason, size_t len)
+/* The next pass comes soon and asks every source. */
+static void begin_anew(const char *reason)
 {
     LOG(LOG_EVENT, "Received Close config change [ %s] ", reason);
     idle_timeout = 5;
     da.discovery_method = DISCOVER_STATIC_URL;
+}
+
+void close_for_config_change(const char *reason, size_t len)
+{
+    begin_anew(reason);
     if (da.state == DA_STATE_CONNECTED) {
         if (send_close_frame_to_orvanta(reason, len) == 0)
             expect_closure();
@@ -69,11 +75,12 @@ void close_for_config_change(const char *reason, size_t len)
 
 void leave_for_new_address(const char *reason, size_t len)
 {
-    close_for_config_change(reason, len);
-    if (da.state != DA_STATE_CONNECTING)
+    if (da.state != DA_STATE_CONNECTING) {
+        close_for_config_change(reason, len);
         return;
+    }
     /* Waiting for an attempt that leads to the wrong place may take two minutes. */
-    timer_disarm(close_retry_timer);
+    begin_anew(reason);
     da_enter_state(DA_STATE_DISCONNECTED);
 }
 

@@ -16,7 +16,8 @@ struct agent_hooks {
     /* device */
     int (*platform_fcgi_server_init)(void);                  /* opens the front end's request socket */
     void (*address_changed)(const char *reason, size_t len); /* the controller's address is another one */
-    void (*install_station_disconnect)(void);                /* tells the Wi-Fi daemon library whom to call */
+    void (*start_cfg_restore_timer)(void);    /* a reconfigured device is without its controller */
+    void (*install_station_disconnect)(void); /* tells the Wi-Fi daemon library whom to call */
 
     /* controller link */
     int (*handle_orv_msg)(char *text, size_t length,

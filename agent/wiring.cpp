@@ -1,5 +1,6 @@
 #include "agent/wiring.h"
 
+#include "agent/cfg-restore-timer.h"
 #include "agent/config-change.h"
 #include "agent/da.h"
 #include "agent/hooks.h"
@@ -23,6 +24,7 @@ void install_hooks(void)
 
     /* the device */
     hooks.address_changed = leave_for_new_address;
+    hooks.start_cfg_restore_timer = start_cfg_restore_timer;
 
     /* websocket session */
     ws_session_init();

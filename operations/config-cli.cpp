@@ -6,9 +6,8 @@
 #include "operations/config-forms.h"
 #include "operations/config-reboot.h"
 #include "operations/config-restore.h"
+#include "platform/state-files.h"
 #include "protocol/error-codes.h"
-#include "protocol/message.h"
-#include "protocol/replies.h"
 
 #define MODULE "wifi.c"
 
@@ -17,10 +16,7 @@ static std::string_view text_of(const json_t *config)
     return {json_string_value(config), json_string_length(config)};
 }
 
-static void send_in_progress(void)
-{
-    write_config_status_to_orv(MSG_CONFIG_UPDATE_RSP, "InProgress", "Config update in progress");
-}
+static void send_in_progress(void) { tell_config_status("InProgress", "Config update in progress"); }
 
 /* ---- the whole configuration ---- */
 
@@ -40,9 +36,8 @@ int overwrite_cli_config(const json_t *config, char *message_buffer)
         return config_not_writable(message_buffer);
     }
     LOG(LOG_EVENT, "Rebooting device in 10 seconds to apply new config");
-    write_config_status_to_orv(MSG_CONFIG_UPDATE_RSP, "CompleteWithReboot",
-                               "Rebooting device to apply new configuration");
-    start_config_reboot();
+    tell_config_status("CompleteWithReboot", "Rebooting device to apply new configuration");
+    start_config_reboot(CONFIG_UNPROVEN);
     platform_mark_device_reconfigured();
     return NO_ERROR;
 }
@@ -71,9 +66,9 @@ int apply_partial_cli_config(const json_t *config, char *message_buffer)
         LOG(LOG_FAILURE, "Not able to apply partial config");
         return BAD_REQUEST;
     }
-    write_config_status_to_orv(MSG_CONFIG_UPDATE_RSP, "Complete", "Configuration applied successfully");
+    tell_config_status("Complete", "Configuration applied successfully");
     LOG(LOG_EVENT, "Applied new partial config");
-    reconfig_pending = 1;
+    expect_proof_of_reconfig();
     platform_mark_device_reconfigured();
     return NO_ERROR;
 }

@@ -10,6 +10,7 @@
 #include "agent/debug-log.h"
 #include "agent/run.h"
 #include "agent/state-file.h"
+#include "operations/config-reboot.h"
 
 #define MODULE "wifi.c"
 
@@ -47,6 +48,10 @@ static bool is_missing(const char *path)
 
 config_copied backup_config(void)
 {
+    if (config_reboot_pending()) {
+        LOG(LOG_EVENT, "%s: The stored configuration is not in force yet, the backup stays", "backup_config");
+        return COPY_DONE;
+    }
     if (is_missing(CONFIG_FILE)) {
         LOG(LOG_EVENT, "%s: No stored configuration to back up", "backup_config");
         return COPY_NO_SOURCE;

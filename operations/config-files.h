@@ -16,7 +16,10 @@ enum config_copied {
     COPY_NO_SOURCE = 1, /* logged; there is nothing to copy, the destination is untouched */
 };
 
-/* Copies the stored configuration to the backup. Blocks until /bin/cp ends. */
+/*
+ * Copies the stored configuration to the backup. Blocks until /bin/cp ends. While a stored configuration
+ * waits for its reboot the backup of before is the last good one, and stays.
+ */
 config_copied backup_config(void);
 
 /* Copies the backup over the stored configuration; the backup stays. Blocks until /bin/cp ends. */

@@ -20,5 +20,9 @@ int platform_apply_partial_config(void);
 /* Runs the device's shell on the backup and saves; the flag file and the backup go. */
 void platform_revert_to_backup_config(void);
 
+/* Tells the controller how far the update is (406), at once: what follows may hold the loop up, or cut the
+ * connection off. */
+void tell_config_status(const char *word, const char *text);
+
 /* A file that could not be written: the message for the controller and the status. */
 int config_not_writable(char *message_buffer);

@@ -13,8 +13,6 @@
 #include "operations/config-restore.h"
 #include "platform/state-files.h"
 #include "protocol/error-codes.h"
-#include "protocol/message.h"
-#include "protocol/replies.h"
 
 #define MODULE "wifi.c"
 
@@ -45,8 +43,7 @@ int apply_object_config(const json_t *config, const json_t *native_config, int o
                         char *message_buffer)
 {
     LOG(LOG_EVENT, "%s: Object based configuration update initiated", function);
-    write_config_status_to_orv(MSG_CONFIG_UPDATE_RSP, "Initiated",
-                               "Initiated configuration update operation.");
+    tell_config_status("Initiated", "Initiated configuration update operation.");
     if (backup_config() == COPY_FAILED)
         return config_not_writable(message_buffer);
     reconfig_pending = 0;
@@ -56,13 +53,13 @@ int apply_object_config(const json_t *config, const json_t *native_config, int o
         return reject("config", error.get(), message_buffer);
 
     LOG(LOG_TRACE, "%s: Configuration update in-progress", function);
-    write_config_status_to_orv(MSG_CONFIG_UPDATE_RSP, "InProgress", "Config update in progress");
+    tell_config_status("InProgress", "Config update in progress");
     error.reset(scm_process_device_native_config(native_config, overwrite));
     if (error)
         return reject("native config", error.get(), message_buffer);
 
-    reconfig_pending = 1;
+    expect_proof_of_reconfig();
     LOG(LOG_EVENT, "%s: Object based configuration applied successfully", function);
-    write_config_status_to_orv(MSG_CONFIG_UPDATE_RSP, "Complete", "Configuration applied successfully");
+    tell_config_status("Complete", "Configuration applied successfully");
     return NO_ERROR;
 }

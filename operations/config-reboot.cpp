@@ -1,42 +1,42 @@
 #include "operations/config-reboot.h"
 
-#include "agent/named-timer.h"
-#include "agent/ws-close.h"
+#include "agent/debug-log.h"
+#include "agent/reboot-sequence.h"
 #include "platform/reboot.h"
+#include "platform/state-files.h"
+
+#define MODULE "wifi.c"
 
 /* Seconds. */
 enum {
-    REBOOT_DELAY = 10,     /* the controller gets the last status */
-    CLOSE_FRAME_DELAY = 5, /* the close frame gets through */
+    REBOOT_DELAY = 10, /* the controller gets the last status */
+    REBOOT_RETRY = 60,
 };
 
-static named_timer reboot_delay_timer = {"REBOOT DELAY", config_reboot_timer_cb, nullptr};
-static named_timer close_frame_timer = {"CLOSE FRAME DELAY", config_reboot_timer_cb, nullptr};
-static int reboot_close_sent; /* the second stage */
+static reboot_sequence sequence = {{"REBOOT DELAY", config_reboot_timer_cb, nullptr},
+                                   {"CLOSE FRAME DELAY", config_reboot_timer_cb, nullptr},
+                                   0};
+static stored_config stored;
 
-void start_config_reboot(void)
+void start_config_reboot(stored_config config)
 {
-    if (!reboot_close_sent)
-        timer_arm(reboot_delay_timer, REBOOT_DELAY);
+    stored = config;
+    reboot_begin(&sequence, REBOOT_DELAY);
 }
+
+bool config_reboot_pending(void) { return reboot_is_pending(sequence); }
 
 void config_reboot_timer_cb(void *)
 {
-    if (!reboot_close_sent) {
-        timer_fired(reboot_delay_timer);
-        close_websocket();
-        reboot_close_sent = 1;
-        timer_arm(close_frame_timer, CLOSE_FRAME_DELAY);
+    if (!reboot_is_due(&sequence))
         return;
-    }
-    timer_fired(close_frame_timer);
-    reboot_close_sent = 0;
-    platform_reboot("SRV_CFG_UPD");
+    if (stored == CONFIG_UNPROVEN)
+        platform_mark_device_reconfigured();
+    if (platform_reboot("SRV_CFG_UPD") == 0)
+        return;
+    LOG(LOG_FAILURE, "%s: The device does not reboot, trying again in %d seconds", "config_reboot_timer_cb",
+        REBOOT_RETRY);
+    reboot_again(&sequence, REBOOT_RETRY);
 }
 
-void config_reboot_reset(void)
-{
-    timer_disarm(reboot_delay_timer);
-    timer_disarm(close_frame_timer);
-    reboot_close_sent = 0;
-}
+void config_reboot_reset(void) { reboot_stop(&sequence); }

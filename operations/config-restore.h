@@ -13,8 +13,8 @@
  */
 extern int32_t reconfig_pending;
 
-/* Creates the flag file (DEVICE_RECONFIGURED_FILE); a failure is logged. */
-void platform_mark_device_reconfigured(void);
+/* Sets it. Pongs for the pings that are under way at this moment prove nothing and will not count. */
+void expect_proof_of_reconfig(void);
 
 /*
  * Back to the last good configuration: the backup over the stored one, then the reboot of

@@ -1,8 +1,11 @@
 #include "operations/config-update.h"
 
 #include "agent/debug-log.h"
+#include "agent/txq.h"
 #include "operations/config-forms.h"
 #include "protocol/error-codes.h"
+#include "protocol/message.h"
+#include "protocol/replies.h"
 
 #define MODULE "wifi.c"
 
@@ -19,6 +22,12 @@ int config_not_writable(char *message_buffer)
 {
     set_error_text(message_buffer, "Not able to open config file for writing");
     return INTERNAL_ERROR;
+}
+
+void tell_config_status(const char *word, const char *text)
+{
+    (void)write_config_status_to_orv(MSG_CONFIG_UPDATE_RSP, word, text);
+    flush_txq();
 }
 
 int platform_set_config(const json_t *request, char *message_buffer)

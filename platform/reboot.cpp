@@ -7,10 +7,11 @@
 
 #define SHUTDOWN_SCRIPT "/usr/bin/scripts/shutdown.sh"
 
-void platform_reboot(const char *reason)
+int platform_reboot(const char *reason)
 {
     LOG(LOG_NOTABLE, "** Please standby rebooting device **");
     int status = safe_system_run(SHUTDOWN_SCRIPT, reason, static_cast<char *>(nullptr));
     if (status != 0)
         LOG(LOG_FAILURE, "%s: %s ended with status %d", "platform_reboot", SHUTDOWN_SCRIPT, status);
+    return status;
 }

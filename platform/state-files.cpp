@@ -8,6 +8,7 @@
 
 #include "agent/da.h"
 #include "agent/debug-log.h"
+#include "agent/hooks.h"
 #include "agent/owners.h"
 #include "agent/state-file.h"
 #include "agent/text.h"
@@ -128,6 +129,14 @@ int platform_set_account_id(void)
 /* ---- the configuration ---- */
 
 int platform_device_reconfigured(void) { return access(DEVICE_RECONFIGURED_FILE, F_OK) == 0 ? 0 : -1; }
+
+void platform_mark_device_reconfigured(void)
+{
+    if (replace_file(DEVICE_RECONFIGURED_FILE, "") != 0)
+        LOG(LOG_FAILURE, "Failed to create %s", DEVICE_RECONFIGURED_FILE);
+    else if (da.state != DA_STATE_CONNECTED)
+        call_hook(hooks.start_cfg_restore_timer);
+}
 
 int platform_ntp_configured(void)
 {

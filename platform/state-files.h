@@ -46,6 +46,10 @@ int platform_set_account_id(void);
 /* 0 when a configuration was applied that has not yet seen the controller again (the flag file exists). */
 int platform_device_reconfigured(void);
 
+/* Creates the flag file; a failure is logged. Where the connection is gone already the way back is armed
+ * here: the idle state looked too early. */
+void platform_mark_device_reconfigured(void);
+
 /* Where the system's CA certificates are, looked up by hash; and a root certificate that no flow here loads.
  */
 const char *platform_ca_certs_path(void);

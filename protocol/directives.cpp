@@ -5,10 +5,9 @@
 
 #include "agent/da.h"
 #include "agent/debug-log.h"
-#include "agent/named-timer.h"
+#include "agent/reboot-sequence.h"
 #include "agent/run.h"
 #include "agent/text.h"
-#include "agent/ws-close.h"
 #include "platform/connection-status.h"
 #include "platform/reboot.h"
 #include "protocol/error-codes.h"
@@ -18,14 +17,12 @@
 enum {
     DEFAULT_REBOOT_DELAY = 5, /* seconds */
     LEAST_REBOOT_DELAY = 1,   /* seconds: the answer leaves before the connection is closed */
-    CLOSE_FRAME_DELAY = 5,    /* seconds for the close frame to get through */
 };
 
 int32_t reboot_force;
 
-static named_timer reboot_timer = {"REBOOT", reboot_timer_cb, nullptr};
-static named_timer close_frame_timer = {"CLOSE FRAME DELAY", reboot_timer_cb, nullptr};
-static bool close_sent; /* the second stage of the reboot */
+static reboot_sequence sequence = {
+    {"REBOOT", reboot_timer_cb, nullptr}, {"CLOSE FRAME DELAY", reboot_timer_cb, nullptr}, 0};
 static char g_rebootReason[128];
 
 static int refuse(char *error_text, const char *text)
@@ -107,30 +104,20 @@ int parse_reboot_request(const json_t *obj, char *error_text)
         reboot_force = json_is_true(force) ? 1 : 0;
     LOG(LOG_EVENT, "Rebooting device after %d seconds", delay);
     copy_format_text(g_rebootReason, reason ? reason : "");
-    if (!close_sent)
-        timer_arm(reboot_timer, delay < LEAST_REBOOT_DELAY ? int32_t{LEAST_REBOOT_DELAY} : delay);
+    reboot_begin(&sequence, delay < LEAST_REBOOT_DELAY ? int32_t{LEAST_REBOOT_DELAY} : delay);
     return NO_ERROR;
 }
 
 void reboot_timer_cb(void *)
 {
-    if (!close_sent) {
-        timer_fired(reboot_timer);
-        close_websocket();
-        close_sent = true;
-        timer_arm(close_frame_timer, CLOSE_FRAME_DELAY);
+    if (!reboot_is_due(&sequence))
         return;
-    }
-    timer_fired(close_frame_timer);
-    close_sent = false;
     LOG(LOG_EVENT, "%s: g_rebootReason [%s]", "reboot_timer_cb", g_rebootReason);
-    platform_reboot(g_rebootReason);
+    (void)platform_reboot(g_rebootReason); /* who asked for it sees the device come back without it */
 }
 
 void directives_reset(void)
 {
-    timer_disarm(reboot_timer);
-    timer_disarm(close_frame_timer);
-    close_sent = false;
+    reboot_stop(&sequence);
     reboot_force = 0;
 }

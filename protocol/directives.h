@@ -25,7 +25,7 @@ int set_system_time(int64_t seconds);
 
 /*
  * {"reason": text, "delay": seconds, "force": boolean}, all optional: the device reboots after the delay (5 s
- * unless told, at once when negative) and another 5 s, between which the connection is closed in order. A
+ * unless told, 1 s when it is less) and another 5 s, between which the connection is closed in order. A
  * further request moves a reboot whose close has not begun; after that it changes nothing but the reason.
  */
 int parse_reboot_request(const json_t *obj, char *error_text);

@@ -21,7 +21,7 @@ FLOORS = [
     ]),
     ("device", ["platform/"]),
     ("controller link", [
-        "discovery/", "agent/txq", "agent/ws-close", "agent/ws-link", "agent/ws-ping", "agent/ws-rx",
+        "discovery/", "agent/reboot-sequence", "agent/txq", "agent/ws-close", "agent/ws-link", "agent/ws-ping", "agent/ws-rx",
         "agent/ws-session", "agent/ws-target", "agent/ws-timers",
     ]),
     ("messages", [

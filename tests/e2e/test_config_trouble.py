@@ -49,6 +49,15 @@ def test_the_daemon_fails(online, kind, details, message):
     expect_steps(lab, *OBJECT_STEPS)
 
 
+def test_the_controller_is_told_before_the_daemon_is_asked(online):
+    lab = online
+    lab.scmd.fail("silent")
+    push(lab, config=PART)
+    begun = lab.journal.wait("from-agent", lambda e: e["message"].get("msgType") == 406)
+    failed = lab.journal.wait("from-agent", lambda e: e["message"].get("msgType") == 706, 15)
+    assert failed.when - begun.when > 0.4, "ten seconds of the agent's clock are half a second"
+
+
 @pytest.mark.parametrize("kind, message", [("silent", NOT_THERE), ("reject", "no, thanks")])
 def test_the_daemon_fails_on_the_native_part(online, kind, message):
     lab, old, before = online, online.scmd.stored(), online.scmd.running()

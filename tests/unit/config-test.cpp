@@ -28,6 +28,7 @@ void config_test::SetUp()
     write_file(CONFIG_BACKUP_FILE, OLDER_BACKUP);
     connect_agent();
     purge_txq();
+    library.wire.clear();
     clear_log();
     timers_before = ev_count_timers();
 }
@@ -36,6 +37,23 @@ void config_test::TearDown()
 {
     connection_test::TearDown();
     remove_config_files();
+}
+
+texts take_told(void)
+{
+    texts told;
+    for (const fake_frame &frame : library.wire)
+        told.push_back(frame.payload);
+    library.wire.clear();
+    for (const std::string &message : take_queued())
+        told.push_back(message);
+    return told;
+}
+
+std::string take_one_told(void)
+{
+    texts told = take_told();
+    return told.size() == 1 ? told[0] : "there are " + std::to_string(told.size()) + " messages";
 }
 
 std::string status_message(const std::string &status, const std::string &message)

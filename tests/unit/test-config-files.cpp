@@ -144,7 +144,7 @@ TEST_F(full_flash, without_room_for_the_backup_nothing_changes)
     EXPECT_EQ(apply("hostname new\n", "false"), 7);
     expect_the_old();
     EXPECT_EQ(file_text(CONFIG_BACKUP_FILE), OLDER_BACKUP);
-    EXPECT_EQ(take_queued(), texts{});
+    EXPECT_EQ(take_told(), texts{});
 }
 
 TEST_F(full_flash, without_room_for_the_new_one_the_old_one_stays)
@@ -155,7 +155,7 @@ TEST_F(full_flash, without_room_for_the_new_one_the_old_one_stays)
     EXPECT_TRUE(was_logged("Not able to create the config file"));
     EXPECT_EQ(file_text(CONFIG_BACKUP_FILE), OLD_CONFIG);
     EXPECT_EQ(tools.ran, (texts{copied_to_backup, copied_back}));
-    EXPECT_EQ(take_queued(), texts{status_message("InProgress", "Config update in progress")});
+    EXPECT_EQ(take_told(), texts{status_message("InProgress", "Config update in progress")});
     EXPECT_EQ(ev_count_timers(), timers_before) << "no reboot";
 }
 
@@ -185,5 +185,5 @@ TEST_F(full_flash, a_read_only_one)
     EXPECT_EQ(apply("hostname new\n", "true"), 7);
     EXPECT_STREQ(error_string, "Not able to open config file for writing");
     EXPECT_EQ(file_text(CONFIG_FILE), OLD_CONFIG);
-    EXPECT_EQ(take_queued(), texts{});
+    EXPECT_EQ(take_told(), texts{});
 }

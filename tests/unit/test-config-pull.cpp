@@ -48,7 +48,7 @@ protected:
 /* "config" of the one answer that is queued. */
 static std::string pulled(void)
 {
-    json_ptr answer(json_loads(take_one_queued().c_str(), JSON_ALLOW_NUL, nullptr));
+    json_ptr answer(json_loads(take_one_told().c_str(), JSON_ALLOW_NUL, nullptr));
     const json_t *config = json_object_get(answer.get(), "config");
     return config ? std::string(json_string_value(config), json_string_length(config)) : "(no answer)";
 }
@@ -67,7 +67,7 @@ TEST_F(config_pull, three_lines)
     write_file(CONFIG_FILE, "hostname ap\nradio 1\nradio 2\n");
     EXPECT_EQ(platform_pull_and_send_config(error_string), 0);
     std::string answer = "{\"msgType\": 407, \"config\": \"hostname ap\\\\nradio 1\\\\nradio 2\\\\n\"}";
-    EXPECT_EQ(take_one_queued(), answer);
+    EXPECT_EQ(take_one_told(), answer);
     std::string function = "platform_pull_and_send_config: ";
     EXPECT_TRUE(was_logged(function + "Malloc successful (fsize=28 + escapes=3)"));
     EXPECT_TRUE(was_logged(function + "j_dump_string len " + std::to_string(answer.size())));
@@ -145,7 +145,7 @@ TEST_F(config_pull, without_a_configuration)
     std::filesystem::remove(CONFIG_FILE);
     std::filesystem::create_directories(CONFIG_FILE);
     EXPECT_EQ(platform_pull_and_send_config(error_string), -1);
-    EXPECT_EQ(take_queued(), texts{});
+    EXPECT_EQ(take_told(), texts{});
 }
 
 TEST_F(config_pull, without_memory_for_the_text)
@@ -155,7 +155,7 @@ TEST_F(config_pull, without_memory_for_the_text)
     callocs_left = -1;
     EXPECT_STREQ(error_string, "Malloc failed");
     EXPECT_TRUE(was_logged("platform_pull_and_send_config: Malloc failed"));
-    EXPECT_EQ(take_queued(), texts{});
+    EXPECT_EQ(take_told(), texts{});
 }
 
 TEST_F(config_pull, without_memory_for_a_line)
@@ -167,7 +167,7 @@ TEST_F(config_pull, without_memory_for_a_line)
     EXPECT_STREQ(error_string, "Config processing failed");
     EXPECT_TRUE(was_logged("escape_chunk: Malloc failed"));
     EXPECT_TRUE(was_logged("Config processing failed"));
-    EXPECT_EQ(take_queued(), texts{});
+    EXPECT_EQ(take_told(), texts{});
 }
 
 TEST_F(config_pull, without_memory_for_the_message)
@@ -180,7 +180,7 @@ TEST_F(config_pull, without_memory_for_the_message)
         EXPECT_EQ(platform_pull_and_send_config(error_string), 7) << limit;
         EXPECT_STREQ(error_string, "json dump failed") << limit;
         EXPECT_TRUE(was_logged("json dump failed")) << limit;
-        EXPECT_EQ(take_queued(), texts{}) << limit;
+        EXPECT_EQ(take_told(), texts{}) << limit;
     }
 }
 
@@ -193,7 +193,7 @@ TEST_F(config_pull, a_file_that_grows_meanwhile)
     };
     EXPECT_EQ(platform_pull_and_send_config(error_string), 7);
     EXPECT_STREQ(error_string, "Config processing failed");
-    EXPECT_EQ(take_queued(), texts{});
+    EXPECT_EQ(take_told(), texts{});
 }
 
 TEST_F(config_pull, a_file_beyond_the_limit)
@@ -202,7 +202,7 @@ TEST_F(config_pull, a_file_beyond_the_limit)
     std::filesystem::resize_file(CONFIG_FILE, uintmax_t{PULL_CONFIG_LIMIT} + 1);
     EXPECT_EQ(platform_pull_and_send_config(error_string), 7);
     EXPECT_STREQ(error_string, "Malloc failed");
-    EXPECT_EQ(take_queued(), texts{});
+    EXPECT_EQ(take_told(), texts{});
 }
 
 TEST_F(config_pull, without_a_connection)

@@ -70,6 +70,42 @@ TEST_F(config_restore, the_flag_goes_only_when_the_copy_is_in_place)
     EXPECT_EQ(file_text(CONFIG_FILE), OLDER_BACKUP);
 }
 
+TEST_F(config_restore, a_device_that_does_not_go_down_is_asked_every_minute)
+{
+    static int asked;
+    asked = 0;
+    tools.instead = [](const std::vector<std::string> &words) {
+        bool shutdown = words[0] == "/usr/bin/scripts/shutdown.sh";
+        asked += shutdown ? 1 : 0;
+        return shutdown && asked < 3 ? 256 : int{RUN_IT_REALLY};
+    };
+    platform_restore_cfg();
+    EXPECT_NE(seconds_until([] { return asked == 1; }), -1);
+    int waited = seconds_until([] { return asked == 2; });
+    EXPECT_TRUE(waited >= 59 && waited <= 63) << waited;
+    EXPECT_NE(seconds_until([] { return asked == 3; }), -1);
+    EXPECT_EQ(recorded("shutdown.sh"), texts{"SRV_CFG_UPD"});
+    EXPECT_FALSE(config_reboot_pending());
+    EXPECT_TRUE(was_logged("config_reboot_timer_cb: The device does not reboot, trying again in 60 seconds"));
+}
+
+TEST_F(config_restore, a_signal_during_the_copy_arms_no_second_restore)
+{
+    lose_connection();
+    tools.instead = [](const std::vector<std::string> &words) {
+        if (words[0] == "/bin/cp")
+            da_enter_state(DA_STATE_DISCONNECTED);
+        return int{RUN_IT_REALLY};
+    };
+    int restores = 0;
+    EXPECT_NE(seconds_until([] { return !tools.ran.empty(); }), -1);
+    for (const std::string &line : logged())
+        restores += line.find("Starting cfg_restore_timer") != std::string::npos ? 1 : 0;
+    EXPECT_FALSE(flag_exists());
+    run_seconds(700);
+    EXPECT_EQ(times_logged_beginning("cfg_restore_timer_cb: Reverting"), 1) << restores << " armed";
+}
+
 TEST_F(config_restore, after_a_failed_copy_the_next_outage_tries_again)
 {
     tools.instead = [](const std::vector<std::string> &words) {
@@ -172,13 +208,13 @@ TEST_F(config_restore, a_pong_without_one_does_nothing)
 TEST_F(config_restore, a_second_request_moves_the_reboot_until_the_connection_is_closed)
 {
     int timers = ev_count_timers();
-    start_config_reboot();
+    start_config_reboot(CONFIG_UNPROVEN);
     fake_clock_advance(8);
-    start_config_reboot();
+    start_config_reboot(CONFIG_UNPROVEN);
     EXPECT_EQ(ev_count_timers(), timers + 1);
     int closed = seconds_until([] { return close_reason_on_wire() == "DEV_REBOOT"; });
     EXPECT_TRUE(closed >= 10 && closed <= 12) << closed;
-    start_config_reboot();
+    start_config_reboot(CONFIG_UNPROVEN);
     int waited = seconds_until(shut_down);
     EXPECT_TRUE(waited >= 4 && waited <= 7) << waited;
     run_seconds(60);
@@ -188,10 +224,10 @@ TEST_F(config_restore, a_second_request_moves_the_reboot_until_the_connection_is
 
 TEST_F(config_restore, a_later_reboot_has_both_stages_again)
 {
-    start_config_reboot();
+    start_config_reboot(CONFIG_UNPROVEN);
     EXPECT_NE(seconds_until(shut_down), -1);
     clear_recorded("shutdown.sh");
-    start_config_reboot();
+    start_config_reboot(CONFIG_UNPROVEN);
     int waited = seconds_until(shut_down);
     EXPECT_TRUE(waited >= 15 && waited <= 20) << waited;
 }

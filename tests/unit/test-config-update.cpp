@@ -54,7 +54,7 @@ TEST_F(config_update, without_a_request)
 {
     EXPECT_EQ(parse_and_apply_config(nullptr, error_string), -1);
     EXPECT_TRUE(was_logged("NULL config json"));
-    EXPECT_EQ(take_queued(), texts{});
+    EXPECT_EQ(take_told(), texts{});
     expect_nothing_touched();
 }
 
@@ -71,7 +71,7 @@ TEST_F(config_update, attributes_of_another_shape_are_rejected)
         EXPECT_STREQ(error_string, INVALID_ATTRIBUTE) << request;
         EXPECT_TRUE(was_logged(INVALID_ATTRIBUTE)) << request;
     }
-    EXPECT_EQ(take_queued(), texts{});
+    EXPECT_EQ(take_told(), texts{});
     EXPECT_EQ(tools.ran, texts{});
     expect_nothing_touched();
 }
@@ -79,7 +79,7 @@ TEST_F(config_update, attributes_of_another_shape_are_rejected)
 TEST_F(config_update, a_native_part_alone_does_nothing)
 {
     EXPECT_EQ(apply("{\"nativeConfig\": \"native\", \"overwrite\": true}"), 0);
-    EXPECT_EQ(take_queued(), texts{});
+    EXPECT_EQ(take_told(), texts{});
     EXPECT_EQ(tools.ran, texts{});
     expect_nothing_touched();
 }
@@ -101,15 +101,15 @@ TEST_F(config_update, an_object_goes_to_the_daemon)
 {
     texts during;
     scm.during = [&](const std::string &) {
-        during = take_queued();
+        during = take_told();
         EXPECT_TRUE(flag_exists()) << "before anything is applied";
         EXPECT_EQ(file_text(CONFIG_BACKUP_FILE), OLD_CONFIG);
         EXPECT_EQ(reconfig_pending, 0);
-        scm.during = [&](const std::string &) { EXPECT_EQ(take_queued(), texts{in_progress}); };
+        scm.during = [&](const std::string &) { EXPECT_EQ(take_told(), texts{in_progress}); };
     };
     EXPECT_EQ(apply("{\"msgType\": 106, \"config\": {\"a\": [1, \"b\"]}}"), 0);
     EXPECT_EQ(during, texts{initiated});
-    EXPECT_EQ(take_queued(), texts{complete});
+    EXPECT_EQ(take_told(), texts{complete});
     EXPECT_EQ(scm.calls, (texts{"config overwrite=0 {\"a\": [1, \"b\"]}", "native overwrite=0 none"}));
     EXPECT_EQ(tools.ran, texts{copied_to_backup});
     EXPECT_EQ(file_text(CONFIG_FILE), OLD_CONFIG) << "the daemon stores it";
@@ -125,7 +125,7 @@ TEST_F(config_update, an_object_with_a_native_part_and_overwrite)
 {
     EXPECT_EQ(apply("{\"config\": {}, \"nativeConfig\": \"n%s\", \"overwrite\": true}"), 0);
     EXPECT_EQ(scm.calls, (texts{"config overwrite=1 {}", "native overwrite=1 \"n%s\""}));
-    EXPECT_EQ(take_queued(), (texts{initiated, in_progress, complete}));
+    EXPECT_EQ(take_told(), (texts{initiated, in_progress, complete}));
     EXPECT_EQ(ev_count_timers(), timers_before) << "no reboot";
 }
 
@@ -151,7 +151,7 @@ TEST_F(config_update, what_the_daemon_rejects_is_reverted)
         std::string error = scm.config_error + scm.native_error;
         EXPECT_EQ(apply("{\"config\": {}, \"nativeConfig\": \"n\"}"), 1) << error;
         EXPECT_EQ(error_string, error);
-        EXPECT_EQ(take_queued(), row.statuses) << error;
+        EXPECT_EQ(take_told(), row.statuses) << error;
         EXPECT_EQ(tools.ran, (texts{copied_to_backup, "/usr/bin/clish -f " CONFIG_BACKUP_FILE, shell_saved}));
         EXPECT_TRUE(was_logged(row.log));
         EXPECT_TRUE(was_logged("Configuration rejected, restoring last good config"));
@@ -206,7 +206,7 @@ TEST_F(config_update, a_text_replaces_the_stored_configuration_and_reboots)
     ASSERT_EQ(stat(CONFIG_FILE, &status), 0);
     EXPECT_EQ(status.st_mode & 0777, 0600u) << "secrets stay secrets";
     EXPECT_EQ(file_text(CONFIG_BACKUP_FILE), OLD_CONFIG);
-    EXPECT_EQ(take_queued(), (texts{in_progress, with_reboot}));
+    EXPECT_EQ(take_told(), (texts{in_progress, with_reboot}));
     EXPECT_TRUE(flag_exists());
     EXPECT_EQ(reconfig_pending, 0);
     EXPECT_EQ(tools.ran, texts{copied_to_backup});
@@ -221,7 +221,7 @@ TEST_F(config_update, a_text_replaces_the_stored_configuration_and_reboots)
 TEST_F(config_update, the_reboot_comes_ten_and_five_seconds_after_the_last_status)
 {
     EXPECT_EQ(apply("{\"config\": \"new\", \"overwrite\": true}"), 0);
-    EXPECT_EQ(take_queued().back(), with_reboot);
+    EXPECT_EQ(take_told().back(), with_reboot);
     EXPECT_EQ(close_reason_on_wire(), "");
     int closed = seconds_until([] { return close_reason_on_wire() == "DEV_REBOOT"; });
     EXPECT_TRUE(closed >= 10 && closed <= 12) << closed;
@@ -250,7 +250,50 @@ TEST_F(config_update, an_empty_and_a_large_text)
     std::string large(5000000, 'x');
     EXPECT_EQ(apply("{\"config\": \"" + large + "\", \"overwrite\": true}"), 0);
     EXPECT_EQ(file_text(CONFIG_FILE), large);
-    EXPECT_EQ(file_text(CONFIG_BACKUP_FILE), "");
+}
+
+TEST_F(config_update, a_second_overwrite_before_the_reboot_keeps_the_last_good_backup)
+{
+    EXPECT_EQ(apply("{\"config\": \"unproven\", \"overwrite\": true}"), 0);
+    EXPECT_EQ(apply("{\"config\": \"again\", \"overwrite\": true}"), 0);
+    EXPECT_EQ(file_text(CONFIG_FILE), "again");
+    EXPECT_EQ(file_text(CONFIG_BACKUP_FILE), OLD_CONFIG);
+}
+
+TEST_F(config_update, an_overwrite_goes_down_with_its_flag_though_the_old_one_reconnects)
+{
+    EXPECT_EQ(apply("{\"config\": \"unproven\", \"overwrite\": true}"), 0);
+    EXPECT_TRUE(flag_exists());
+    da_enter_state(DA_STATE_DISCONNECTED);
+    connect_agent();
+    EXPECT_FALSE(flag_exists()) << "connected";
+    EXPECT_NE(seconds_until([] { return !recorded("shutdown.sh").empty(); }), -1);
+    EXPECT_TRUE(flag_exists()) << "for what comes into force now";
+}
+
+TEST_F(config_update, only_a_pong_of_a_later_ping_proves_it)
+{
+    ws.pong_received = 0; /* a ping is under way, and one before it was lost */
+    ws.pong_loss = 1;
+    EXPECT_EQ(apply("{\"config\": \"part\"}"), 0);
+    pong_received();
+    pong_received();
+    EXPECT_TRUE(flag_exists());
+    pong_received();
+    EXPECT_FALSE(flag_exists());
+    EXPECT_EQ(reconfig_pending, 0);
+}
+
+TEST_F(config_update, a_connection_that_goes_while_the_shell_works_arms_the_way_back)
+{
+    tools.instead = [](const std::vector<std::string> &words) {
+        if (words[1] == "-f")
+            da_enter_state(DA_STATE_DISCONNECTED); /* as SIGUSR1 does in the wait */
+        return int{RUN_IT_REALLY};
+    };
+    EXPECT_EQ(apply("{\"config\": \"part\"}"), 0);
+    EXPECT_TRUE(flag_exists());
+    EXPECT_TRUE(was_logged("Starting cfg_restore_timer"));
 }
 
 TEST_F(config_update, the_stored_configuration_cannot_be_created)
@@ -260,7 +303,7 @@ TEST_F(config_update, the_stored_configuration_cannot_be_created)
     EXPECT_EQ(apply("{\"config\": \"new\", \"overwrite\": true}"), 7);
     EXPECT_STREQ(error_string, NOT_WRITABLE);
     EXPECT_TRUE(was_logged("Not able to create the config file"));
-    EXPECT_EQ(take_queued(), texts{in_progress});
+    EXPECT_EQ(take_told(), texts{in_progress});
     EXPECT_FALSE(flag_exists());
     EXPECT_EQ(file_text(CONFIG_BACKUP_FILE), OLDER_BACKUP);
     EXPECT_EQ(ev_count_timers(), timers_before) << "no reboot";
@@ -272,7 +315,7 @@ TEST_F(config_update, a_partial_text_is_applied_by_the_shell)
 {
     tools.instead = [](const std::vector<std::string> &words) {
         if (words[0] == "/usr/bin/clish" && words[1] == "-f") {
-            EXPECT_EQ(take_queued(), texts{in_progress});
+            EXPECT_EQ(take_told(), texts{in_progress});
             EXPECT_EQ(file_text(PARTIAL_CONFIG_FILE), "radio 2\n");
             EXPECT_FALSE(flag_exists()) << "the flag comes last";
         }
@@ -281,7 +324,7 @@ TEST_F(config_update, a_partial_text_is_applied_by_the_shell)
     EXPECT_EQ(apply("{\"config\": \"radio 2\\n\"}"), 0);
     EXPECT_EQ(tools.ran, (texts{copied_to_backup, "/usr/bin/clish -f " PARTIAL_CONFIG_FILE, shell_saved}));
     EXPECT_EQ(recorded("clish"), (texts{"-f " PARTIAL_CONFIG_FILE, "-e save"}));
-    EXPECT_EQ(take_queued(), texts{complete});
+    EXPECT_EQ(take_told(), texts{complete});
     EXPECT_EQ(file_text(CONFIG_BACKUP_FILE), OLD_CONFIG);
     EXPECT_TRUE(flag_exists());
     EXPECT_EQ(reconfig_pending, 1);
@@ -296,7 +339,7 @@ TEST_F(config_update, the_shells_exit_codes_are_not_looked_at)
         return words[0] == "/usr/bin/clish" ? 0x300 : int{RUN_IT_REALLY};
     };
     EXPECT_EQ(apply("{\"config\": \"radio 2\\n\"}"), 0);
-    EXPECT_EQ(take_queued(), (texts{in_progress, complete}));
+    EXPECT_EQ(take_told(), (texts{in_progress, complete}));
     EXPECT_TRUE(was_logged("run_clish: /usr/bin/clish -e save ended with status 768"));
 }
 
@@ -319,7 +362,7 @@ TEST_F(config_update, the_fragment_cannot_be_created)
     EXPECT_EQ(apply("{\"config\": \"radio 2\\n\"}"), 7);
     EXPECT_STREQ(error_string, NOT_WRITABLE);
     EXPECT_TRUE(was_logged("Not able to create partial config file"));
-    EXPECT_EQ(take_queued(), texts{});
+    EXPECT_EQ(take_told(), texts{});
     EXPECT_EQ(tools.ran, texts{copied_to_backup});
     EXPECT_FALSE(flag_exists());
     EXPECT_EQ(reconfig_pending, 0);
@@ -345,7 +388,7 @@ TEST_F(config_update, without_a_backup_nothing_is_changed)
             error_string[0] = '\0';
             EXPECT_EQ(apply(row.request), 7) << row.request;
             EXPECT_STREQ(error_string, NOT_WRITABLE) << row.request;
-            EXPECT_EQ(take_queued(), row.statuses) << row.request;
+            EXPECT_EQ(take_told(), row.statuses) << row.request;
             expect_nothing_touched();
         }
     EXPECT_EQ(ev_count_timers(), timers_before) << "no reboot";
