@@ -12,6 +12,7 @@
 #include "agent/ws-session.h"
 #include "operations/config-restore.h"
 #include "protocol/dispatcher.h"
+#include "stats/stats-timers.h"
 
 void install_hooks(void)
 {
@@ -30,6 +31,7 @@ void install_hooks(void)
     ws_session_init();
     hooks.handle_orv_msg = handle_orv_msg;
     hooks.wait_for_reconnect = wait_for_reconnect;
+    hooks.cancel_periodic_stats = cancel_stats_timers;
 
     /* configuration: the safety net of an update */
     hooks.platform_cancel_cfg_restore = platform_cancel_cfg_restore;

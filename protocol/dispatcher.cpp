@@ -20,6 +20,8 @@
 #include "protocol/message.h"
 #include "protocol/received.h"
 #include "protocol/register.h"
+#include "stats/stats-json-parse.h"
+#include "stats/stats-timers.h"
 
 #define MODULE "device-agent.c"
 
@@ -41,6 +43,22 @@ static int locate(const json_t *, char *) { return platform_locate(); }
 static int device_info_request(const json_t *, char *error_text)
 {
     return build_and_send_dev_info(error_text);
+}
+
+static int on_demand_stats(const json_t *obj, char *error_text)
+{
+    platform_set_orv_connection_state(ORV_CONNECTED, nullptr);
+    return parse_build_on_demand_stats(obj, error_text, STATS_ON_DEMAND);
+}
+
+static int stats_info(const json_t *obj, char *error_text)
+{
+    return parse_build_on_demand_stats(obj, error_text, STATS_DEVICE_INFO);
+}
+
+static int custom_stats(const json_t *obj, char *error_text)
+{
+    return parse_build_on_demand_stats(obj, error_text, STATS_CUSTOM);
 }
 
 static int register_success(const json_t *obj, char *error_text)
@@ -83,6 +101,12 @@ struct message_row {
 static const message_row catalogue[] = {
     {MSG_REBOOT_CMD, LOG_EVENT, "%s: MSG_REBOOT_CMD received", parse_reboot_request, 702, MSG_REBOOT_RSP,
      "%s: MSG_REBOOT_CMD_REQUEST Complete"},
+    {MSG_STATS_REQUEST, LOG_TRACE, "%s: MSG_STATS_REQUEST received", parse_stats_request, 703, 0, nullptr},
+    {MSG_STATS_ON_DEMAND_REQUEST, LOG_TRACE, "%s: MSG_STATS_ON_DEMAND_REQUEST received", on_demand_stats, 704,
+     0, "%s: MSG_STATS_ON_DEMAND_REQUEST Complete"},
+    /* a refused stop shares the number of a refused start */
+    {MSG_STATS_STOP_REQUEST, LOG_EVENT, "%s: MSG_STATS_STOP_REQUEST received", stop_stats_request, 703, 0,
+     nullptr},
     {MSG_CONFIG_UPDATE_REQUEST, LOG_TRACE, "%s: MSG_CONFIG_UPDATE_REQUEST received", config_update, 706, 0,
      nullptr},
     {MSG_CONFIG_PULL_REQUEST, LOG_TRACE, "%s: MSG_CONFIG_PULL_REQUEST received", config_pull, 707, 0,
@@ -93,8 +117,12 @@ static const message_row catalogue[] = {
      "%s: MSG_LOCATE_CMD_REQUEST Complete"},
     {MSG_INTVL_UPDATE_CMD_REQUEST, LOG_TRACE, "%s: MSG_INTVL_UPDATE_CMD_REQUEST received",
      parse_and_apply_retry_intvls, 717, 0, nullptr},
+    {MSG_STATS_INFO_REQUEST, LOG_TRACE, "%s: MSG_STATS_INFO_REQUEST received", stats_info, 722, 0,
+     "%s: MSG_STATS_ON_DEMAND_REQUEST Complete"},
     {MSG_DEV_INFO_REQUEST, LOG_TRACE, "%s:MSG_DEV_INFO_REQUEST received", device_info_request, 723, 0,
      nullptr},
+    {MSG_STATS_CUSTOM_REQUEST, LOG_TRACE, "%s: MSG_STATS_CUSTOM_REQUEST received", custom_stats, 724, 0,
+     "%s: MSG_STATS_CUSTOM_REQUEST Complete"},
     {MSG_REGISTER_SUCCESS, LOG_EVENT, "%s: MSG_REGISTER_SUCCESS received", register_success, 0, 0, nullptr},
     {MSG_ORVANTA_CONNECT_STATUS, LOG_TRACE, "%s: MSG_ORVANTA_CONNECT_STATUS received",
      parse_and_apply_orvanta_status, MSG_FAILURE, 0, nullptr},

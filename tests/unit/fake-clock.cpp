@@ -12,6 +12,7 @@
 static int64_t now_usec = 1000 * 1000000LL;
 
 long fake_clock_nanoseconds;
+bool fake_clock_is_real;
 bool fake_clock_fails;
 std::vector<struct timespec> fake_waits;
 std::function<int64_t()> fake_wait_interruption;
@@ -20,6 +21,7 @@ void fake_clock_set(int64_t seconds, int64_t microseconds)
 {
     now_usec = seconds * 1000000 + microseconds;
     fake_clock_nanoseconds = 0;
+    fake_clock_is_real = false;
     fake_clock_fails = false;
     fake_waits.clear();
     fake_wait_interruption = nullptr;
@@ -35,7 +37,7 @@ int64_t fake_clock_now(void) { return now_usec; }
 /* The program's own definition comes before the C library's. */
 extern "C" int clock_gettime(clockid_t clock, struct timespec *time) noexcept
 {
-    if (clock != CLOCK_MONOTONIC)
+    if (clock != CLOCK_MONOTONIC || fake_clock_is_real)
         return static_cast<int>(syscall(SYS_clock_gettime, clock, time));
     if (fake_clock_fails) {
         errno = EINVAL;

@@ -23,6 +23,9 @@ int64_t fake_clock_now(void);
 /* Nanoseconds that the clock shows on top of its microseconds; 0 unless set. */
 extern long fake_clock_nanoseconds;
 
+/* The clock is the machine's own as long as this is set: for what waits elsewhere than in the loop. */
+extern bool fake_clock_is_real;
+
 /* The clock fails as long as this is set. */
 extern bool fake_clock_fails;
 
