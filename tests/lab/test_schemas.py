@@ -26,7 +26,7 @@ FROM_AGENT = [row for row in ROWS if row["direction"] == "to-controller"]
 FROM_CONTROLLER = [row for row in ROWS if row["direction"] == "to-agent"]
 
 
-OPTIONAL = {699: {"varPayload"}}
+OPTIONAL = {403: {"stats"}, 404: {"stats"}, 422: {"stats"}, 424: {"stats"}, 699: {"varPayload"}}
 """The few members that the agent may leave out of a message."""
 
 
@@ -149,7 +149,7 @@ def test_catalogue_rows_are_consistent() -> None:
         for answer in (row["reply"], row["failure"]):
             assert answer is None or (other, answer) in known, row
         assert row["reply"] in (None, number + 300)
-        special = {697: 999, 700: 700}
+        special = {105: 703, 697: 999, 700: 700}
         assert row["failure"] in (None, special.get(number, number + 600))
 
 
@@ -326,6 +326,17 @@ HOSTILE_FROM_AGENT = [
      "maximum"),
     ("details without a value", wire({**TRAP, "varPayload": None}), "varPayload", "not of type"),
     ("one for true", wire({**REGISTER, "lumira": 1}), "lumira", "True"),
+    ("a report without its slot", wire({"msgType": 403, "sessId": 5, "ts": 0, "stats": {}}),
+     "index", "is missing"),
+    ("a slot in a one-time report",
+     wire({"msgType": 404, "index": 0, "sessId": 5, "ts": 0, "stats": {}}), "index",
+     "unknown member"),
+    ("a subtype that is no custom report's",
+     wire({"msgType": 424, "subType": 7, "sessId": 5, "ts": 0, "stats": {}}), "subType", "minimum"),
+    ("a stop's own number", '{"msgType": 705, "code": "BadRequest", "message": ""}', "msgType",
+     "unknown type"),
+    ("short of memory for a stop", '{"msgType": 703, "code": "InternalError", "message": ""}',
+     "code", "is not one of"),
 ]
 
 
@@ -373,6 +384,10 @@ TOLERATED = [
     '{"msgType": 106, "config": "", "nativeConfig": ""}',
     '{"msgType": 104, "stats": [{}]}',
     '{"msgType": 104, "stats": [{"fields": "uptime", "tables": ["radio"]}]}',
+    '{"msgType": 103}',
+    '{"msgType": 105, "index": "3"}',
+    '{"msgType": 124, "subType": "custom"}',
+    '{"msgType": 124, "subType": 7}',
 ]
 
 
@@ -412,6 +427,14 @@ HOSTILE_FROM_CONTROLLER = [
      "does not have enough properties"),
     ("no column", '{"msgType": 104, "stats": [{"tables": {"radio": []}}]}',
      "stats[0].tables.radio", "too short"),
+    ("a slot of one-time requests", '{"msgType": 103, "stats": [{"index": 1, "interval": 60}]}',
+     "stats[0].index", "minimum"),
+    ("a slot that is not there", '{"msgType": 103, "stats": [{"index": 8, "interval": 60}]}',
+     "stats[0].index", "maximum"),
+    ("no interval", '{"msgType": 103, "stats": [{"index": 2}]}', "stats[0].interval", "is missing"),
+    ("no time between", '{"msgType": 103, "stats": [{"index": 2, "interval": 0}]}',
+     "stats[0].interval", "minimum"),
+    ("stopping what is not there", '{"msgType": 105, "index": 9}', "index", "maximum"),
     ("table as text", '{"msgType": 104, "stats": [{"tables": {"radio": "noise"}}]}',
      "stats[0].tables.radio", "not of type"),
 ]
