@@ -56,12 +56,19 @@ class ConfigDaemon:
         (self._device.folder / _FAULT).unlink(missing_ok=True)
 
     def messages(self) -> list[dict[str, Any]]:
-        """The messages that it has received so far."""
+        """The messages that it has received so far, but for those about statistics."""
+        return [json.loads(line) for line in self._record("scmd")]
+
+    def statistics_requests(self) -> list[str]:
+        """The requests for statistics that it has received so far, as they came."""
+        return self._record("scmd-statistics")
+
+    def _record(self, name: str) -> list[str]:
         try:
-            text = (self._device.folder / "records" / "scmd").read_text(encoding="utf-8")
+            text = (self._device.folder / "records" / name).read_text(encoding="utf-8")
         except FileNotFoundError:
             return []
-        return [json.loads(line) for line in text.splitlines()]
+        return text.splitlines()
 
     def running(self) -> dict[str, Any]:
         """The configuration in force on the device, as an object."""

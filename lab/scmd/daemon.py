@@ -16,10 +16,12 @@ from pathlib import Path
 from typing import Any
 
 from lab.scmd import faults, model, store
+from lab.scmd.stats import request
 
 SOCKET = "/var/tmp/scmd_server"
 MESSAGE_LIMIT = 4 * 1024 * 1024
-_RECORD = Path("/run/lab/records/scmd")
+_RECORDS = Path("/run/lab/records")
+_STATISTICS = "STATS-GET"
 Message = dict[str, Any]
 OK: Message = {"status": "ok"}
 
@@ -74,6 +76,7 @@ HANDLERS: dict[str, Callable[[Message], Message]] = {
     "DEVICE-NATIVE-CONFIG": _device_native_config,
     "CONFIG-SET": _config_set,
     "CONFIG-APPLY": _config_apply,
+    _STATISTICS: request.answer,
 }
 
 
@@ -111,8 +114,10 @@ def framed(reply: Message) -> bytes:
     return struct.pack("!I", len(text)) + text
 
 
-def _record(text: bytes) -> None:
-    with open(_RECORD, "ab") as file:
+def _record(m_type: str, text: bytes) -> None:
+    """Statistics have a record of their own: they come all the time."""
+    name = "scmd-statistics" if m_type == _STATISTICS else "scmd"
+    with open(_RECORDS / name, "ab") as file:
         file.write(text + b"\n")
 
 
@@ -131,8 +136,8 @@ class _Conversation(socketserver.BaseRequestHandler):
             return
 
     def _one(self, text: bytes) -> bool:
-        _record(text)
         m_type = _type_of(text)
+        _record(m_type, text)
         fault = faults.wanted(m_type)
         if fault and fault["kind"] == "die":
             os._exit(1)

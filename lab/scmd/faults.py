@@ -1,7 +1,7 @@
 """What the daemon does wrong when a test asks for it.
 
 The lab writes one JSON object into the file: "kind", and optionally "mType" (only for messages of
-this type), "text" or "seconds". It counts until the file is removed.
+this type), "text", "times" or "seconds". It counts until the file is removed.
 """
 
 import json
@@ -12,7 +12,8 @@ from pathlib import Path
 from typing import Any, Optional
 
 FILE = Path("/run/lab/shared/scmd-fault")
-KINDS = ("reject", "slow", "silent", "dead", "die", "garbage", "lying", "huge", "shape")
+KINDS = ("reject", "slow", "silent", "dead", "die", "garbage", "lying", "huge", "shape", "close",
+         "several", "text")
 
 
 def wanted(m_type: str) -> Optional[dict[str, Any]]:
@@ -41,6 +42,11 @@ def show(fault: dict[str, Any], connection: socket.socket, reply: bytes) -> Opti
         connection.sendall(struct.pack("!I", 0xFFFFFFFF) + reply[4:])
     elif kind == "garbage":
         return struct.pack("!I", 6) + b"{\xff\x00nop"
+    elif kind == "several":
+        return reply * fault.get("times", 3)
+    elif kind == "text":  # in place of the answer
+        text = fault["text"].encode()
+        return struct.pack("!I", len(text)) + text
     elif kind == "shape":
         return struct.pack("!I", 2) + b"[]"
     return None

@@ -78,6 +78,11 @@ def agent_pid_inside(lab: Lab) -> int:
     raise AssertionError("no NSpid")
 
 
+def replies(lab: Lab) -> list[dict[str, Any]]:
+    """The agent's messages, but for the report that the lab asks for after each registration."""
+    return [message for message in lab.controller.messages() if message.get("msgType") != 404]
+
+
 def fence(lab: Lab) -> dict[str, Any]:
     """A request whose answer shows that everything sent before it has been dealt with."""
     lab.controller.send({"msgType": 123})

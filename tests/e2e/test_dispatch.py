@@ -1,7 +1,7 @@
 """Requests of the controller and the exact replies."""
 
 import pytest
-from expect import fence
+from expect import fence, replies
 
 ACCOUNT = "/mnt/flash/config/account_id"
 
@@ -41,10 +41,10 @@ def test_an_unknown_type_is_logged_and_not_answered(online):
             ('{"msgType": 121}', 121), ('{"msgType": 99999}', 99999), ('{"msgType": -1}', -1),
             ('{"msgType": "103"}', 0), ('{"msgType": null}', 0), ('{"msgType": 115.0}', 0),
             ('{"msgType": {"a": 1}}', 0)]:
-        before = len(online.controller.messages())
+        before = len(replies(online))
         online.controller.send_raw(text, unchecked=True)
         fence(online)
-        assert len(online.controller.messages()) == before + 1, text
+        assert len(replies(online)) == before + 1, text
         online.log.wait(f"handle_orv_msg: UNKNOWN message {number} received from Orvanta")
 
 
@@ -107,5 +107,5 @@ def test_requests_are_answered_in_their_order(online):
     for text in ('{"msgType": 115}', "x", '{"msgType": 108}'):
         online.controller.send_raw(text, unchecked=True)
     fence(online)
-    kinds = [message["msgType"] for message in online.controller.messages()]
+    kinds = [message["msgType"] for message in replies(online)]
     assert kinds == [100, 415, 999, 408, 423]

@@ -35,7 +35,10 @@ def use(device: Device) -> Optional[float]:
 
 def count(device: Device) -> int:
     """How many cores there are."""
-    return len(device.now.cores) - 1
+    cores = sum(core != "cpu" for core in device.now.cores)
+    if cores == 0:
+        raise ValueError("/proc/stat has no cores")
+    return cores
 
 
 def _kernel_counter(device: Device, name: str) -> int:

@@ -1,5 +1,6 @@
 """Answers the agent's requests for statistics ("STATS-GET")."""
 
+import struct
 import threading
 from collections.abc import Iterable
 from typing import Any
@@ -10,7 +11,7 @@ from lab.scmd.stats.vocabulary import FIELDS, TABLES
 
 INFORMATION = 255
 _MOST_SLOTS = 64
-_FAULTS_OF_A_SOURCE = (OSError, ValueError, KeyError, IndexError)
+_FAULTS_OF_A_SOURCE = (OSError, ValueError, LookupError, ArithmeticError, struct.error)
 
 _one_at_a_time = threading.Lock()
 _last: dict[tuple[int, int], Sample] = {}

@@ -1,5 +1,6 @@
 """The device as a whole: time, load, memory."""
 
+import math
 import time
 from collections.abc import Callable
 from typing import Optional
@@ -7,9 +8,17 @@ from typing import Optional
 from lab.scmd.stats.sample import Device
 
 
+def _real(word: str) -> float:
+    """A number that JSON can hold."""
+    value = float(word)
+    if not math.isfinite(value):
+        raise ValueError(f"{word} is out of range")
+    return value
+
+
 def uptime(device: Device) -> int:
     """Seconds since the kernel started."""
-    return int(float(device.text("/proc/uptime").split()[0]))
+    return int(_real(device.text("/proc/uptime").split()[0]))
 
 
 def clock(_device: Device) -> int:
@@ -30,7 +39,7 @@ def kernel(device: Device) -> Optional[str]:
 def load(minutes: int) -> Callable[[Device], float]:
     """The load average over 1, 5 or 15 minutes."""
     place = (1, 5, 15).index(minutes)
-    return lambda device: float(device.text("/proc/loadavg").split()[place])
+    return lambda device: _real(device.text("/proc/loadavg").split()[place])
 
 
 def memory(*names: str) -> Callable[[Device], int]:
