@@ -13,15 +13,19 @@
 #include "agent/owners.h"
 #include "agent/text.h"
 #include "device/frames.h"
+#include "stats/stats-digest.h"
 #include "stats/stats-info.h"
 #include "stats/stats-report.h"
 
 #define MODULE "wifi.c"
 
+static void answer_cb(int32_t fd, int32_t event, void *arg);
 static void answer_late(void *name);
 
 static int g_scm_fd = -1;
 static frame_reader answer; /* as much of it as has come */
+static bool refused;        /* the connection: its descriptor is kept until the next request */
+static bool answered;       /* the answer of this very connection is being digested */
 static named_timer answer_timer = {"STATS ANSWER", answer_late, nullptr};
 
 static void close_daemon(void)
@@ -30,8 +34,18 @@ static void close_daemon(void)
     if (g_scm_fd >= 0)
         close(g_scm_fd);
     g_scm_fd = -1;
+    answered = false;
     frame_clear(&answer);
     timer_disarm(answer_timer);
+}
+
+/* Reads what comes, but for one answer at a time. Returns 0 or -1. A refused connection is not watched. */
+static int watch_daemon(void)
+{
+    if (g_scm_fd < 0 || refused || digest_under_way())
+        return 0;
+    ev_del_fd(g_scm_fd);
+    return ev_add_fd(g_scm_fd, EV_READ, answer_cb, nullptr);
 }
 
 /* ---- the answer ---- */
@@ -48,30 +62,34 @@ static void answer_late(void *)
     read_failed();
 }
 
-static void send_report(const json_t *result)
+/* The answer that was being digested is dealt with. One that was no JSON leaves its connection open. */
+static void digested(digest result)
 {
-    const json_t *periodic = json_object_get(result, "periodic");
-    const json_t *index = json_object_get(result, "index");
-    /* The result is shared with the message, not copied: nobody changes it, and it may be megabytes. */
-    json_ptr stats(json_incref(json_object_get(result, "stats_result")));
-    (void)send_stats_to_orv(std::move(stats), clamp_to_int32(json_integer_value(periodic)),
-                            clamp_to_int32(json_integer_value(index)));
+    bool same_connection = answered;
+    answered = false;
+    if (result.outcome == digest::NO_JSON) {
+        LOG(LOG_FAILURE, "Failed to load json");
+        watch_daemon();
+        return;
+    }
+    (void)send_stats_to_orv(result.text, result.periodic);
+    if (result.outcome == digest::REPORT)
+        LOG(LOG_TRACE, "Stats read successfully cleanup g_scm_fd");
+    if (same_connection)
+        close_daemon();
+    else
+        watch_daemon();
 }
 
+/* The connection is not read while its answer is being digested: an answer behind it has to wait. */
 static void answer_complete(void)
 {
     size_t length = 0;
     malloc_text text(frame_take(&answer, &length));
     timer_disarm(answer_timer);
-    json_ptr result(json_loadb(text.get(), length, 0, nullptr));
-    text.reset();
-    if (!json_is_object(result.get())) {
-        LOG(LOG_FAILURE, "Failed to load json");
-        return;
-    }
-    send_report(result.get());
-    LOG(LOG_TRACE, "Stats read successfully cleanup g_scm_fd");
-    close_daemon();
+    answered = true;
+    ev_del_fd(g_scm_fd);
+    digest_answer(std::move(text), length, digested);
 }
 
 static void answer_cb(int32_t fd, int32_t, void *)
@@ -114,9 +132,13 @@ static int open_daemon(void)
     address.sun_family = AF_UNIX;
     copy_text(address.sun_path, STATS_DAEMON_SOCKET);
     socklen_t length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + strlen(address.sun_path));
-    if (connect(g_scm_fd, reinterpret_cast<const sockaddr *>(&address), length) != 0)
+    refused = connect(g_scm_fd, reinterpret_cast<const sockaddr *>(&address), length) != 0;
+    if (refused)
         return -1;
-    return ev_add_fd(g_scm_fd, EV_READ, answer_cb, nullptr);
+    if (watch_daemon() == 0)
+        return 0;
+    close_daemon(); /* an answer would never be read */
+    return -1;
 }
 
 int platform_build_and_send_stats(int32_t t_index, int32_t periodic)
@@ -131,4 +153,8 @@ int platform_build_and_send_stats(int32_t t_index, int32_t periodic)
     return 0;
 }
 
-void stats_daemon_reset(void) { close_daemon(); }
+void stats_daemon_reset(void)
+{
+    digest_reset();
+    close_daemon();
+}

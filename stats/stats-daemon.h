@@ -3,6 +3,7 @@
  * sent on as a report. One connection, opened for a request and closed after the first good answer; requests
  * made meanwhile share it, and the answer closes it for all of them.
  *
+ * A large answer becomes a report in a child (stats/stats-digest.h); the connection is not read meanwhile.
  * Nothing here waits for the daemon longer than it takes to hand over a request (STATS_WRITE_LIMIT): what it
  * does not take in is given up, with the connection. An answer that has begun has to be complete within
  * STATS_ANSWER_LIMIT. No answer at all is not bounded; a daemon that ends closes the connection.

@@ -4,7 +4,6 @@
 
 #include "agent/debug-log.h"
 #include "protocol/message.h"
-#include "protocol/session-id.h"
 
 #define MODULE "common.c"
 
@@ -17,22 +16,27 @@ static int32_t message_type(int32_t periodic)
     return periodic == REPORT_DEVICE_INFO ? MSG_STATS_INFO_RSP : MSG_STATS_ON_DEMAND_RSP;
 }
 
-int send_stats_to_orv(json_ptr stats, int32_t periodic, int32_t index)
+static bool is_custom(int32_t periodic) { return message_type(periodic) == MSG_STATS_CUSTOM_RSP; }
+
+malloc_text stats_report(json_ptr stats, int32_t periodic, int32_t index, int32_t session)
 {
-    static const char function[] = "send_stats_to_orv";
-    int32_t msgType = message_type(periodic);
-    json_ptr message = new_message(msgType);
-    if (msgType == MSG_STATS)
+    json_ptr message = new_message(message_type(periodic));
+    if (periodic == REPORT_PERIODIC)
         add_integer(message, "index", index);
-    if (msgType == MSG_STATS_CUSTOM_RSP) {
-        LOG(LOG_TRACE, "%s: CUSTOM_INFO ready, periodic %d", function, periodic);
+    if (is_custom(periodic))
         add_integer(message, "subType", periodic);
-    }
-    add_integer(message, "sessId", get_session_id());
+    add_integer(message, "sessId", session);
     add_integer(message, "ts", time(nullptr));
     json_object_set_new(message.get(), "stats", stats.release());
-    malloc_text text(json_dumps(message.get(), JSON_PRESERVE_ORDER));
-    if (!text)
+    return malloc_text(json_dumps(message.get(), JSON_PRESERVE_ORDER));
+}
+
+int send_stats_to_orv(const malloc_text &report, int32_t periodic)
+{
+    static const char function[] = "send_stats_to_orv";
+    if (is_custom(periodic))
+        LOG(LOG_TRACE, "%s: CUSTOM_INFO ready, periodic %d", function, periodic);
+    if (!report)
         LOG(LOG_FAILURE, "json dump failed , %s ", function);
-    return queue_text(text);
+    return queue_text(report);
 }

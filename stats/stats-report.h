@@ -18,6 +18,8 @@ enum {
     REPORT_DEVICE_INFO = 255, /* 422 */
 };
 
-/* Sends the statistics, which the message takes over. Returns what write_to_orv returns, or -1 when the
- * message cannot be serialised. */
-int send_stats_to_orv(json_ptr stats, int32_t periodic, int32_t index);
+/* The text of a report with these statistics, which it takes over; null when it cannot be serialised. */
+malloc_text stats_report(json_ptr stats, int32_t periodic, int32_t index, int32_t session);
+
+/* Sends a report of this kind. Returns what write_to_orv returns, or -1 for a null text. */
+int send_stats_to_orv(const malloc_text &report, int32_t periodic);
