@@ -36,6 +36,8 @@ void daemon_listen(void)
 
 void daemon_die(void)
 {
+    if (peer >= 0)
+        (void)shutdown(peer, SHUT_RDWR); /* a child of the agent, born here, may still hold a copy */
     shut(listener);
     shut(peer);
     (void)unlink(STATS_DAEMON_SOCKET);

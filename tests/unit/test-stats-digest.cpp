@@ -81,7 +81,7 @@ TEST_F(stats_digest_test, a_large_answer_that_is_no_json_leaves_the_connection_o
     EXPECT_EQ(txq, nullptr);
     EXPECT_FALSE(daemon_was_left());
     daemon_answer("{\"periodic\": 0, \"index\": 0, \"stats_result\": 1}");
-    serve();
+    serve_until([] { return txq != nullptr; });
     EXPECT_EQ(report(), "{\"msgType\": 404, \"sessId\": 42, \"ts\": 0, \"stats\": 1}");
 }
 
@@ -112,7 +112,7 @@ TEST_F(stats_digest_test, an_answer_behind_a_large_one_waits_for_its_own_connect
     EXPECT_FALSE(daemon_was_left()) << "the large answer does not close the connection of another";
     std::vector<std::string> messages = take_queued();
     ASSERT_EQ(messages.size(), 1u);
-    serve();
+    serve_until([] { return txq != nullptr; });
     EXPECT_EQ(report(), "{\"msgType\": 404, \"sessId\": 42, \"ts\": 0, \"stats\": 1}");
     EXPECT_TRUE(daemon_was_left());
 }
