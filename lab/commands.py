@@ -12,7 +12,7 @@ import time
 from collections.abc import Awaitable, Callable
 from typing import Any, Optional
 
-from lab import schemas
+from lab import schemas, statscommands
 from lab.controller import REGISTER, REGISTER_SUCCESS, Acceptance
 from lab.desk import BAD, GOOD, MORE, Desk, Failed, Outcome, Verdict, answers, told
 
@@ -249,4 +249,5 @@ COMMANDS: dict[str, Command] = {
     "send": send,
     "watch": watch,
     "state": state,
+    **statscommands.COMMANDS,
 }

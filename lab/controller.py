@@ -107,6 +107,8 @@ class Controller:
         self.on_register: Union[Acceptance, Refusal, Silence] = Acceptance()
         self.next_answers: list[Union[Acceptance, Refusal, Silence]] = []
         """Answers for the next REGISTERs, used up one by one before `on_register` counts."""
+        self.standing: dict[int, dict[str, Any]] = {}
+        """Periodic statistics by slot, asked for again after each registration."""
         self.answer_pings = True
         self.refuse_upgrades: list[int] = []
         """HTTP statuses for the next connection attempts, used up one by one."""
@@ -275,6 +277,9 @@ class Controller:
             for reply in answer.messages():
                 connection.accepted |= reply["msgType"] == REGISTER_SUCCESS
                 await self.deliver(connection, json.dumps(reply))
+            if connection.accepted and self.standing:
+                again = {"msgType": 103, "stats": list(self.standing.values())}
+                await self.deliver(connection, json.dumps(again), unchecked=True)
 
     async def _receive_ping(self, connection: Connection, payload: bytes) -> None:
         try:

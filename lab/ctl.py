@@ -12,7 +12,8 @@ import time
 from typing import Any, Optional, TextIO
 
 from lab import ctlplace
-from lab.ctlverbs import GROUP_HELP, GROUPS, BadUsage, Verb
+from lab.ctlverb import BadUsage, Verb
+from lab.ctlverbs import GROUP_HELP, GROUPS
 
 _ARROWS = {"sent": "--->", "received": "<---"}
 _WIDTH = 150

@@ -7,40 +7,11 @@ import argparse
 import datetime
 import json
 import sys
-from collections.abc import Callable
-from dataclasses import dataclass
 from pathlib import Path
 from typing import Any, Optional
 
-Request = tuple[str, dict[str, Any]]
-"""A command of `lab.commands` and its arguments."""
-
-
-class BadUsage(Exception):
-    """What was typed cannot be meant; the text says why."""
-
-
-def _no_arguments(_parser: argparse.ArgumentParser) -> None:
-    pass
-
-
-def _no_output(_arguments: argparse.Namespace, _data: dict[str, Any]) -> None:
-    pass
-
-
-@dataclass(frozen=True)
-class Verb:
-    """One verb; `words` is "group verb" or one word alone."""
-
-    words: str
-    help: str
-    request: Callable[[argparse.Namespace], Request]
-    arguments: Callable[[argparse.ArgumentParser], None] = _no_arguments
-    output: Callable[[argparse.Namespace, dict[str, Any]], None] = _no_output
-    """Prints what a finished command has found out."""
-    bare: bool = False
-    """Standard output is for `output` alone: the messages go to standard error."""
-
+from lab.ctlstats import STATS
+from lab.ctlverb import BadUsage, Request, Verb, count_of
 
 # -- config ---------------------------------------------------------------------------------
 
@@ -199,15 +170,6 @@ def _send_arguments(parser: argparse.ArgumentParser) -> None:
                         help="send it although docs/protocol does not know it")
 
 
-def _count(text: str) -> int:
-    if int(text) < 1:
-        raise ValueError(text)
-    return int(text)
-
-
-_count.__name__ = "positive number"
-
-
 def _state(_arguments: argparse.Namespace, data: dict[str, Any]) -> None:
     number: Optional[int] = data["connection"]
     connection = "none" if number is None else f"number {number}, " + (
@@ -224,11 +186,11 @@ LOOKING = (
                              "unchecked": a.unchecked}), _send_arguments),
     Verb("watch", "show the messages both ways as they happen (Ctrl-C ends it)",
          lambda a: ("watch", {"count": a.count}),
-         lambda parser: parser.add_argument("--count", metavar="N", type=_count, default=0,
+         lambda parser: parser.add_argument("--count", metavar="N", type=count_of, default=0,
                                             help="end after N messages") and None),
     Verb("state", "show how the device is (exit status 0 while it is registered)",
          lambda a: ("state", {}), output=_state),
 )
 
-GROUPS: tuple[tuple[Verb, ...], ...] = (CONFIG, DIRECTIVES, LOOKING)
-GROUP_HELP = {"config": "the device's configuration"}
+GROUPS: tuple[tuple[Verb, ...], ...] = (CONFIG, STATS, DIRECTIVES, LOOKING)
+GROUP_HELP = {"config": "the device's configuration", "stats": "the device's statistics"}

@@ -27,6 +27,7 @@ from lab.names import Names
 from lab.network import Network
 from lab.onboarding import Onboarding
 from lab.rawpeer import RawPeer
+from lab.reports import Reports
 from lab.shownstatus import PATH as STATUS_FILE
 from lab.shownstatus import ShownStatus
 from lab.supervisor import Supervisor
@@ -90,6 +91,9 @@ class Lab:
         self.switch = Switch(self.world, self.journal)
         self.scmd = ConfigDaemon(self.device)
         self.lldpd = Lldpd(self.world, self.switch)
+        self.reports = Reports(self.device.folder / "reports.sqlite")
+        self._undo.append(self.reports.close)
+        self.journal.subscribe(self.reports.listen)
         self.wifid = Wifid(self.world, self.journal, self.device)
         self.dhcp = Dhcp(self.world, self.journal, self.device, self.network)
         self.shown = ShownStatus(self.world, self.journal, self.device)
