@@ -202,6 +202,10 @@ class Controller:
         assert transport is not None
         self._world.call(transport.write, data)
 
+    def ping(self, payload: bytes = b"") -> None:
+        """Sends a ping; its answer is noted as "pong"."""
+        self._world.wait(self.current.socket.ping(payload))
+
     def close(self, code: int = 1000, reason: str = "") -> None:
         """Closes the connection in the orderly way."""
         connection = self.current
