@@ -1,10 +1,10 @@
 """A statistics daemon that does everything wrong: the agent goes on, and the next report comes."""
 
 import json
-import os
 import time
 
 import pytest
+import vitals
 from expect import fence
 
 ONE_TIME = {"msgType": 104, "stats": [{"fields": ["uptime"]}]}
@@ -28,7 +28,7 @@ def recovers(lab):
 
 def descriptors(lab):
     """How many descriptors the agent holds."""
-    return len(os.listdir(f"/proc/{lab.supervisor.pid}/fd"))
+    return len(vitals.descriptors(lab))
 
 
 @pytest.mark.parametrize("fault, said", [
@@ -46,10 +46,14 @@ def test_an_answer_that_does_not_come_whole_costs_the_report(asking, fault, said
 
 @pytest.mark.parametrize("fault", ["garbage", "shape"])
 def test_an_answer_that_is_no_object_leaves_the_connection_open(asking, fault):
+    before = descriptors(asking)
     asking.scmd.fail(fault, mType="STATS-GET")
     asking.controller.send(ONE_TIME)
     asking.log.wait("Failed to load json")
+    fence(asking)
+    assert descriptors(asking) == before + 1
     recovers(asking)
+    assert descriptors(asking) == before, "the first good answer closes it"
 
 
 def test_of_several_answers_one_is_reported(asking):

@@ -104,14 +104,24 @@ leaves = (st.none() | st.booleans() | integers | texts
 anything = st.recursive(leaves, lambda inner: st.lists(inner, max_size=3)
                         | st.dictionaries(texts, inner, max_size=3), max_leaves=6)
 names = st.lists(texts, max_size=4)
-tables = st.dictionaries(texts, names | anything, max_size=3)
-elements = st.fixed_dictionaries({}, optional={
-    "index": st.integers(2, 7) | anything, "interval": st.integers(3600, 2**40) | anything,
-    "fields": names | anything, "tables": tables | anything, "extra": anything})
-stats_members = st.lists(elements | anything, max_size=3) | anything
-messages = st.fixed_dictionaries(
-    {"msgType": st.sampled_from([103, 104, 105, 122, 124])},
-    optional={"stats": stats_members, "index": integers | anything, "subType": anything})
+tables = st.dictionaries(texts, st.lists(texts, min_size=1, max_size=2) | names | anything,
+                         max_size=3)
+lists_of_a_request = {"fields": names | anything, "tables": tables | anything, "extra": anything}
+indexes = st.integers(0, 9) | st.sampled_from([2**32 + 3, -2**32 + 5, 2**31, 2**63 - 1])
+intervals = st.integers(3600, 2**40) | st.integers(-1, 1)
+slots = st.fixed_dictionaries({"index": indexes, "interval": intervals},
+                              optional=lists_of_a_request)
+elements = slots | st.fixed_dictionaries({}, optional={
+    "index": indexes | anything, "interval": intervals | anything, **lists_of_a_request})
+stats_members = (st.lists(elements, min_size=1, max_size=1)
+                 | st.lists(elements | anything, max_size=3) | anything)
+messages = st.one_of(
+    st.fixed_dictionaries({"msgType": st.just(103), "stats": stats_members}),
+    st.fixed_dictionaries({"msgType": st.sampled_from([104, 122, 124]), "stats": stats_members},
+                          optional={"subType": anything}),
+    st.fixed_dictionaries({"msgType": st.just(105)}, optional={"index": indexes | anything}),
+    st.fixed_dictionaries({"msgType": st.sampled_from([103, 104, 105, 122, 124])},
+                          optional={"index": anything, "subType": anything}))
 
 
 def ask(lab, message):
@@ -127,7 +137,7 @@ def ask(lab, message):
 def test_any_request_is_accepted_or_refused_as_written(online):
     online.controller.wait_message(404)
 
-    @settings(max_examples=250, deadline=None, database=None,
+    @settings(max_examples=500, deadline=None, database=None,
               suppress_health_check=list(HealthCheck))
     @given(messages)
     def each(message):

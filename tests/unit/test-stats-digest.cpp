@@ -140,6 +140,46 @@ TEST_F(stats_digest_test, a_child_that_dies_costs_the_report)
     EXPECT_FALSE(digest_under_way());
 }
 
+/* The state letter of a process: R, S, T, ... */
+static char state_of(pid_t process)
+{
+    std::ifstream file("/proc/" + std::to_string(process) + "/stat");
+    std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    size_t end = text.rfind(')');
+    return end == std::string::npos ? '?' : text[end + 2];
+}
+
+TEST_F(stats_digest_test, a_report_that_ends_in_its_middle_is_none)
+{
+    real_clock clock;
+    EXPECT_EQ(ask("{}"), 0);
+    EXPECT_NE(daemon_request(), "");
+    send_in_pieces(answer_of(SCMD_MAX_LENGTH));
+    pid_t child = only_child();
+    ASSERT_GT(child, 0);
+    auto begin = std::chrono::steady_clock::now();
+    while (state_of(child) != 'S' && std::chrono::steady_clock::now() - begin < std::chrono::seconds(20))
+        usleep(1000);
+    ASSERT_EQ(state_of(child), 'S') << "the pipe is full, and nobody reads";
+    EXPECT_EQ(kill(child, SIGKILL), 0);
+    serve_until([] { return was_logged("json dump failed , send_stats_to_orv "); });
+    EXPECT_EQ(txq, nullptr);
+}
+
+TEST_F(stats_digest_test, a_refused_connection_is_not_watched_when_the_digest_is_done)
+{
+    real_clock clock;
+    EXPECT_EQ(ask("{}"), 0);
+    EXPECT_NE(daemon_request(), "");
+    send_in_pieces(answer_of(DIGEST_IN_PLACE + 1));
+    daemon_die();
+    EXPECT_EQ(platform_build_and_send_stats(0, 0), -1) << "closes the dead connection";
+    EXPECT_EQ(platform_build_and_send_stats(0, 0), -1) << "is refused";
+    serve_until([] { return !digest_under_way(); });
+    EXPECT_EQ(take_queued().size(), 1u);
+    EXPECT_EQ(ev_count_fds(), 0);
+}
+
 TEST_F(stats_digest_test, a_child_that_takes_too_long_is_killed)
 {
     EXPECT_EQ(ask("{}"), 0);

@@ -38,6 +38,9 @@ answer; requests that it makes meanwhile share it. A report of 103 has the numbe
   fire at the same moment they share a connection and only the first answer counts: give them
   different periods.
 - After a daemon could not be reached, the request that follows is lost as well.
+- An answer above 64 KiB is made into its report by a child process, so that the agent's loop goes on.
+  While more than 1 MiB waits to be sent, the agent drops what comes behind it, replies too: keep
+  results well below that.
 
 ## The result
 
