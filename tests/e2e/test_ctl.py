@@ -86,10 +86,11 @@ def test_info_is_shown_for_people(ctl, online):
                           "lastRebootTS:      2026-01-01 00:00:00 UTC"]
 
 
-def test_the_state_of_the_device(ctl):
+def test_the_state_of_the_device(ctl, online):
+    online.controller.wait_message(404)
     done = ctl("state")
     assert (done.returncode, done.stdout) == (0, (
-        "status shown:  Device Approval Pending\nconnection:    number 1, registered\n"
+        "status shown:  Connected to cloud.orvanta.example\nconnection:    number 1, registered\n"
         "connections:   1\nagent:         running, starts: 1\n"))
 
 
