@@ -21,7 +21,6 @@ from lab.scmd.stats import request
 SOCKET = "/var/tmp/scmd_server"
 MESSAGE_LIMIT = 4 * 1024 * 1024
 _RECORDS = Path("/run/lab/records")
-_STATISTICS = "STATS-GET"
 Message = dict[str, Any]
 OK: Message = {"status": "ok"}
 
@@ -76,7 +75,7 @@ HANDLERS: dict[str, Callable[[Message], Message]] = {
     "DEVICE-NATIVE-CONFIG": _device_native_config,
     "CONFIG-SET": _config_set,
     "CONFIG-APPLY": _config_apply,
-    _STATISTICS: request.answer,
+    faults.STATISTICS: request.answer,
 }
 
 
@@ -116,7 +115,7 @@ def framed(reply: Message) -> bytes:
 
 def _record(m_type: str, text: bytes) -> None:
     """Statistics have a record of their own: they come all the time."""
-    name = "scmd-statistics" if m_type == _STATISTICS else "scmd"
+    name = "scmd-statistics" if m_type == faults.STATISTICS else "scmd"
     with open(_RECORDS / name, "ab") as file:
         file.write(text + b"\n")
 

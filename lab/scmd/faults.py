@@ -1,7 +1,8 @@
 """What the daemon does wrong when a test asks for it.
 
 The lab writes one JSON object into the file: "kind", and optionally "mType" (only for messages of
-this type), "text", "times" or "seconds". It counts until the file is removed.
+this type; without it for all but statistics, which come at any time), "text", "times" or "seconds".
+It counts until the file is removed.
 """
 
 import json
@@ -11,6 +12,7 @@ import time
 from pathlib import Path
 from typing import Any, Optional
 
+STATISTICS = "STATS-GET"
 FILE = Path("/run/lab/shared/scmd-fault")
 KINDS = ("reject", "slow", "silent", "dead", "die", "garbage", "lying", "huge", "shape", "close",
          "several", "text")
@@ -22,7 +24,8 @@ def wanted(m_type: str) -> Optional[dict[str, Any]]:
         fault = json.loads(FILE.read_text(encoding="utf-8"))
     except (OSError, ValueError):
         return None
-    return fault if fault.get("mType") in (None, m_type) else None
+    concerned = fault.get("mType") or (m_type if m_type != STATISTICS else None)
+    return fault if concerned == m_type else None
 
 
 def show(fault: dict[str, Any], connection: socket.socket, reply: bytes) -> Optional[bytes]:
