@@ -197,8 +197,9 @@ def test_a_reboot_with_its_reason(ctl, online):
 
 
 def test_watching_shows_both_ways_and_what_happens(ctl, online):
+    listeners = len(online.journal._listeners)
     watching = begin("watch", "--count", "4")
-    until(online, lambda: len(online.journal._listeners) > 0, "the client to listen")
+    until(online, lambda: len(online.journal._listeners) > listeners, "the client to listen")
     assert ctl("locate").returncode == 0
     online.controller.kill()
     online.wait_registered()
@@ -269,9 +270,10 @@ def test_a_client_that_goes_lets_the_next_one_in(ctl, online):
 
 
 def test_the_lab_ends_under_a_client(online):
+    listeners = len(online.journal._listeners)
     with CtlServer(online):
         watching = begin("watch")
-        until(online, lambda: len(online.journal._listeners) > 0, "the client to listen")
+        until(online, lambda: len(online.journal._listeners) > listeners, "the client to listen")
     assert watching.communicate(timeout=10)[0] == "ctl: the lab ended before it answered\n"
     assert watching.returncode == 1
     assert not (online.device.folder / "ctl.sock").exists()
