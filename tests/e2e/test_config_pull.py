@@ -89,6 +89,8 @@ def test_the_frames_of_a_long_answer(start):
     lab.device.write_text(CONFIG, "set radio0 power 3\n" * 40_000)
     for request in (115, 107, 115, 123):  # below 1 MiB, so the last two queue up behind it
         lab.rawpeer.send_frame(rawpeer.TEXT, json.dumps({"msgType": request}).encode())
+    lab.rawpeer.send_frame(rawpeer.PING, b"meanwhile")
+    assert lab.rawpeer.wait_frame(rawpeer.PONG).payload == b"meanwhile"
     lab.journal.wait("raw-frame", lambda e: b'"uptime"' in e["frame"].payload[-40:], timeout=30,
                      what="the last answer")
     messages = messages_of(lab.rawpeer.frames())
