@@ -1,21 +1,31 @@
 """What a process shows of itself from outside: descriptors, memory, children."""
 
 import os
+import time
 from pathlib import Path
 
 from lab.lab import Lab
 
 
-def descriptors(lab: Lab) -> list[str]:
-    """What the agent's descriptors are, without the numbers that the kernel gives to sockets."""
-    folder = f"/proc/{lab.supervisor.pid}/fd"
-    found = []
+def _open_now(pid: int) -> set[tuple[str, str]]:
+    """Number and target of each descriptor, the kernel's numbers of sockets left out."""
+    folder = f"/proc/{pid}/fd"
+    found = set()
     for fd in os.listdir(folder):
         try:
-            found.append(os.readlink(f"{folder}/{fd}").split("[")[0])
-        except FileNotFoundError:  # closed meanwhile: the log, for a line
+            found.add((fd, os.readlink(f"{folder}/{fd}").split("[")[0]))
+        except FileNotFoundError:  # closed meanwhile
             continue
-    return sorted(found)
+    return found
+
+
+def descriptors(lab: Lab) -> list[str]:
+    """What the agent keeps open. A log is open for a line at a time, so it looks more than once."""
+    kept = _open_now(lab.supervisor.pid)
+    for _ in range(4):
+        time.sleep(0.01)
+        kept &= _open_now(lab.supervisor.pid)
+    return sorted(target for _, target in kept)
 
 
 def private_memory(lab: Lab) -> int:
