@@ -6,6 +6,7 @@ import threading
 
 import pytest
 from expect import CONTROLLER, DEVICE_ID, FASTER, MAC, fence
+from vitals import children, descriptors
 
 from lab import proxy as proxies
 from lab import rawpeer
@@ -124,6 +125,46 @@ def test_a_crash_while_messages_flow(behind, proxy):
         lab.journal.wait("from-agent", lambda e: e["connection"] is again and
                          e["message"]["msgType"] == 415)
     assert again.number == 2
+
+
+RESTARTS = 4
+
+
+def flowing(lab, connection):
+    """Waits for an answer on this connection to a request that is sent from now on."""
+    lab.journal.wait("from-agent", lambda e: e["connection"] is connection and
+                     e["message"]["msgType"] == 415, since=lab.journal.position, what="an answer")
+
+
+@pytest.mark.parametrize("graceful", [False, True], ids=["crashes", "reloads"])
+def test_restart_after_restart_while_messages_flow(behind, proxy, graceful):
+    """Each costs one connection: the next comes up by itself, and nothing of the old is left."""
+    lab = behind(faketime=FASTER)
+    fence(lab)
+    before = descriptors(lab)
+    with Flow(lab):
+        for number in range(2, 2 + RESTARTS):
+            lost = lab.controller.current
+            flowing(lab, lost)
+            since = lab.journal.position
+            if graceful:
+                old = proxy.workers()
+                proxy.reload()
+                flowing(lab, lost)
+                proxy.retire([worker for worker in old if worker in proxy.workers()])
+            else:
+                proxy.kill()
+                proxy.start()
+            lab.log.wait("LWS_CALLBACK_CLOSED", since=since)
+            lab.wait_registered()
+            assert (lab.controller.current.number, lost.open) == (number, False)
+            flowing(lab, lab.controller.current)
+    fence(lab)
+    registers = [event["connection"].number for event in lab.journal.events("from-agent")
+                 if event["message"]["msgType"] == 100]
+    assert registers == list(range(1, 2 + RESTARTS)), "one on each connection"
+    assert descriptors(lab) == before and children(lab) == []
+    assert lab.supervisor.starts == 1
 
 
 def test_a_reload_keeps_the_connection_until_the_old_worker_goes(behind, proxy):
