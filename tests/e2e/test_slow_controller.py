@@ -83,3 +83,23 @@ def test_what_is_beyond_the_budget_is_dropped_and_told(slow):
     assert min(sizes) >= BUDGET and max(sizes) < BUDGET + FRAME
     assert int(full[0][2]) * 100 < BUDGET < int(full[0][2]) * 130, "the length of such an answer"
     assert [number_of(m) for m in heard(slow, answered[-1])] == answered
+
+
+def test_what_waits_is_lost_with_its_connection(slow):
+    """An answer belongs to the connection on which it was asked for."""
+    count = 16000
+    assert 0 < len(flood(slow, count)) < count
+    slow.rawpeer.wait_connected()
+    slow.rawpeer.close_raw()
+    slow.rawpeer.resume()
+    slow.rawpeer.wait_ended()
+    anew = slow.rawpeer.wait_connected()
+    since = slow.journal.wait("raw-frame", lambda e: b'"sessId"' in e["frame"].payload,
+                              since=anew.index, what="REGISTER").index
+    slow.rawpeer.send_frame(rawpeer.TEXT, b'{"msgType": 115}')
+    last = slow.journal.wait("raw-frame", lambda e: e["frame"].payload == b'{"msgType": 415}',
+                             since=since, what="the answer on the new connection")
+    said = [json.loads(event["frame"].payload)["msgType"]
+            for event in slow.journal.events("raw-frame", since=anew.index)
+            if event.index <= last.index and event["frame"].opcode != rawpeer.PING]
+    assert said == [100, 415]
