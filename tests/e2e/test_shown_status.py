@@ -1,6 +1,7 @@
 """What the device shows of a long outage, text by text, and what it tells the Wi-Fi daemon."""
 
-from expect import FASTER, board, log_time, until
+from configs import OBJECT_STEPS, expect_steps, push
+from expect import CLOUD, FASTER, STATIC_URL, board, log_time, until
 
 from lab import names, network
 from lab.onboarding import not_found
@@ -82,6 +83,31 @@ def test_a_controller_that_refuses_is_counted_down_to(start):
              if event.index >= since][:5]
     assert all(60 <= gap <= 63 for gap in gaps(shown)), gaps(shown)
     assert told(lab) == [0, 0]
+
+
+def shown_connected(lab, host):
+    """Waits until the device is accepted; it shows this host as soon as it is given work."""
+    lab.wait_registered()
+    lab.shown.wait(PENDING)
+    push(lab, config={"radios": {"radio0": {"channel": 44}}})
+    lab.shown.wait(f"Connected to {host}")
+    expect_steps(lab, *OBJECT_STEPS)
+
+
+def test_connected_names_the_host_that_was_asked(lab, start):
+    """The name that an operator knows, not the one that the redirect leads to."""
+    lab.names.add("onprem.example")
+    start()
+    lab.controller.on_register.follow_ups = []
+    shown_connected(lab, CLOUD)
+    lab.controller.kill()
+    shown_connected(lab, CLOUD)
+    lab.device.write_text(STATIC_URL, "https://onprem.example:443/any")
+    shown_connected(lab, "onprem.example")
+    assert told(lab) == [0, 0, 1, 0, 1, 0, 1]
+    connected = f"Connected to {CLOUD}"
+    assert lab.shown.texts() == ["Connecting", PENDING, connected, "Connecting", PENDING, connected,
+                                 "Connecting", PENDING, "Connected to onprem.example"]
 
 
 def test_each_way_in_which_the_onboarding_fails(lab, start):
