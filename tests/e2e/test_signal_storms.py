@@ -5,7 +5,7 @@ import signal
 import time
 
 import pytest
-from expect import CONTROLLER, FASTER, fence, until
+from expect import CLOUD, CONTROLLER, FASTER, fence, until
 from vitals import children, descriptors
 
 from lab import network, rawpeer
@@ -13,8 +13,9 @@ from lab.controller import Acceptance, Silence
 from lab.onboarding import Reply, redirect
 
 SIGNALS = 1000
-"""In each place where it waits; with those of the test with messages, ten thousand."""
+"""In each place where it waits; with those of the test with messages, more than ten thousand."""
 SILENT_PORT = 8446
+NOWHERE = "10.77.0.77"
 FEW = 16
 """More descriptors than a registered agent has; a leak at each signal would have hundreds."""
 
@@ -55,6 +56,20 @@ def in_idle(lab):
     """Before a discovery."""
     lab.log.wait("started discover timer")
     return lambda: None
+
+
+def in_the_name_lookup(lab):
+    """The name service does not answer: six seconds that the agent's clock does not shorten."""
+    lab.names.leave_unanswered(CLOUD)
+    lab.log.wait(f"discover_orv: method 4 orv_url [{CLOUD}]")
+    return lambda: lab.names.add(CLOUD)
+
+
+def in_the_connect(lab):
+    """Nobody lives at the address that the name service tells."""
+    lab.names.add(CLOUD, NOWHERE)
+    lab.log.wait("EINPROGRESS in connect()")
+    return lambda: lab.names.add(CLOUD)
 
 
 def in_the_onboarding(lab):
@@ -120,13 +135,14 @@ def beside_a_child(lab):
     return lambda: lab.device.write_text("/bin/date", "#!/bin/sh\nexit 0\n", 0o755)
 
 
-PLACES = [in_idle, in_the_onboarding, in_the_handshake, before_a_reconnect, without_the_parent,
-          without_an_answer, before_the_closure, beside_a_child]
+PLACES = [in_idle, in_the_name_lookup, in_the_connect, in_the_onboarding, in_the_handshake,
+          before_a_reconnect, without_the_parent, without_an_answer, before_the_closure,
+          beside_a_child]
 
 
 @pytest.mark.parametrize("place", PLACES)
 def test_signals_where_it_waits(start, place):
-    lab = start(faketime=FASTER)
+    lab = start(faketime="+0 x5" if place is in_the_connect else FASTER)  # it takes 15 seconds
     lab.controller.on_register.follow_ups = []
     go_on = place(lab)
     begun = attempts(lab)
