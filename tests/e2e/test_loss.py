@@ -75,6 +75,7 @@ def test_eleven_silent_servers_in_a_row_restart_the_agent(start):
     server = lab.world.wait(listen())
     ended = lab.supervisor.wait_ended(timeout=60)
     lab.world.call(server.close)
+    lab.onboarding.reply = redirect()
     assert ended["status"] == 1
     lab.log.wait("lws_connect_timeout_cb: Exhausted max websocket connect attempts(10), "
                  "restarting DA")
@@ -82,6 +83,8 @@ def test_eleven_silent_servers_in_a_row_restart_the_agent(start):
                 if "Unable to connect websocket to Orvanta, trying again" in e["message"]]) == 10
     assert lab.supervisor.wait_started()["count"] == 1
     assert lab.supervisor.wait_started()["count"] == 2
+    reconnected(lab, 1)
+    assert lab.device.read_text("/tmp/restarts") == "2"
 
 
 def test_the_cable_is_pulled_and_put_back(start):
