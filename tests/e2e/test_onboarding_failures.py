@@ -123,3 +123,15 @@ def test_an_error_message_in_a_redirect_does_not_stop_it(lab, start):
     lab.log.wait(" Received error message: [Licence expired] from Orvanta")
     lab.wait_registered()
     assert len(lab.onboarding.requests()) == 1
+
+
+@pytest.mark.parametrize("size", [0, 4000, 12000])
+def test_a_whole_answer_in_one_record(lab, start, size):
+    """What TLS has decrypted beyond the first read shows on no socket any more."""
+    reply = Reply(body=b'{"padding": "' + b"x" * size + b'"}')
+    lab.onboarding.reply = reply.but(record_size=len(reply.render()))
+    start()
+    lab.log.wait("Received full data")
+    lab.wait_registered()
+    assert len(lab.onboarding.requests()) == 1
+    assert not any("after 10 reads" in line for line in lab.log.lines())
