@@ -3,6 +3,7 @@
 import json
 
 import pytest
+from framed import answer, answered_once, info_request
 
 from lab import rawpeer
 from lab.onboarding import redirect
@@ -17,24 +18,6 @@ def raw(start):
         lab.wait_registered()
         return lab
     return begin
-
-
-def info_request(size):
-    """A device-info request of exactly `size` bytes."""
-    text = json.dumps({"msgType": 123, "padding": ""})
-    return text.replace('""', '"' + "x" * (size - len(text)) + '"').encode()
-
-
-def answer(lab):
-    """The next message from the agent, parsed."""
-    return json.loads(lab.rawpeer.wait_frame(rawpeer.BINARY).payload)
-
-
-def answered_once(lab):
-    """Asserts that exactly one device info has come, and that all goes on."""
-    assert answer(lab)["msgType"] == 423
-    lab.rawpeer.send_frame(rawpeer.TEXT, b'{"msgType": 115}')
-    assert answer(lab)["msgType"] == 415
 
 
 def test_the_agents_frames(raw):

@@ -1,10 +1,10 @@
 """What comes from the network in the smallest pieces, and what claims to be larger than it is."""
 
 import asyncio
-import json
 import re
 
 import pytest
+from framed import answer, answered_once, info_request
 
 from lab import names, network, rawpeer
 from lab.onboarding import Reply, redirect
@@ -65,30 +65,12 @@ def crumbs(lab):
         relay.close()
 
 
-def request(size):
-    """A device-info request of exactly `size` bytes."""
-    text = json.dumps({"msgType": 123, "padding": ""})
-    return text.replace('""', '"' + "x" * (size - len(text)) + '"').encode()
-
-
-def answer(lab):
-    """The next message from the agent, parsed."""
-    return json.loads(lab.rawpeer.wait_frame(rawpeer.BINARY).payload)
-
-
-def answered_once(lab):
-    """Asserts that exactly one device info has come, and that all goes on."""
-    assert answer(lab)["msgType"] == 423
-    lab.rawpeer.send_frame(rawpeer.TEXT, b'{"msgType": 115}')
-    assert answer(lab)["msgType"] == 415
-
-
 def fragments_with_pings(lab, size, sizes, send):
     """Sends a request in fragments, each but the last followed by a ping, which is answered.
 
     The next fragment waits for that: of pings that come in a row the library may answer only one.
     """
-    text, opcode = request(size), rawpeer.TEXT
+    text, opcode = info_request(size), rawpeer.TEXT
     for cut in sizes:
         send(rawpeer.encode(opcode, text[:cut], fin=False) +
              rawpeer.encode(rawpeer.PING, f"behind {cut}".encode()))
@@ -103,7 +85,7 @@ def test_the_whole_way_in_segments_of_one_byte(lab, start, crumbs):
     start()
     lab.wait_registered()
     assert answer(lab)["msgType"] == 100
-    lab.rawpeer.send_frame(rawpeer.TEXT, request(5000))
+    lab.rawpeer.send_frame(rawpeer.TEXT, info_request(5000))
     answered_once(lab)
     fragments_with_pings(lab, 5000, (1, 125, 4096), lab.rawpeer.send_bytes)
     answered_once(lab)
@@ -127,7 +109,7 @@ def raw(start):
 @pytest.mark.parametrize("size", [1, 2, 7])
 def test_tiny_tls_records(raw, size):
     lab = raw()
-    lab.rawpeer.send_records(rawpeer.encode(rawpeer.TEXT, request(3000)), size)
+    lab.rawpeer.send_records(rawpeer.encode(rawpeer.TEXT, info_request(3000)), size)
     answered_once(lab)
     fragments_with_pings(lab, 3000, (0, 1, 2000),
                          lambda wire: lab.rawpeer.send_records(wire, size))
@@ -163,7 +145,7 @@ def refused(lab, wire, log=NOT_HAD, room=4 * MIB):
     assert lab.supervisor.pid == pid, "it is the same process"
     assert memory_peak(lab) - before < room
     assert answer(lab)["msgType"] == 100
-    lab.rawpeer.send_frame(rawpeer.TEXT, request(100))
+    lab.rawpeer.send_frame(rawpeer.TEXT, info_request(100))
     answered_once(lab)
 
 
@@ -193,7 +175,7 @@ def test_fragments_that_never_end(raw):
 
 def test_the_longest_message_is_taken(raw):
     lab = raw(faketime="+0 x5")
-    lab.rawpeer.send_frame(rawpeer.TEXT, request(16 * MIB))
+    lab.rawpeer.send_frame(rawpeer.TEXT, info_request(16 * MIB))
     answered_once(lab)
 
 
