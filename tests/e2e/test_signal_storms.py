@@ -149,6 +149,9 @@ def test_signals_where_it_waits(start, place):
     storm(lab, SIGNALS // 2, [signal.SIGHUP])
     if place is not before_the_closure:  # which may come at any time
         assert attempts(lab) == begun, "SIGHUP ends no wait"
+    if place is in_the_name_lookup:
+        struck = lab.device.read_text("/var/log/device-agent.log").count("sighandler invoked")
+        assert struck == 0, "none strikes inside a library"
     storm(lab, SIGNALS // 2, [signal.SIGUSR1, signal.SIGHUP])
     go_on()
     lab.supervisor.send_signal(signal.SIGUSR1)
