@@ -103,6 +103,19 @@ size_t utf8_border(const std::string &text, size_t limit)
     return limit;
 }
 
+size_t utf8_whole(const char *bytes, size_t length)
+{
+    /* What follows a first byte is at most three bytes long. */
+    for (size_t back = 1; back <= 3 && back <= length; back++) {
+        auto byte = static_cast<unsigned char>(bytes[length - back]);
+        if ((byte & 0xC0) == 0x80)
+            continue;
+        size_t wanted = byte < 0xC2 || byte > 0xF4 ? 1 : byte < 0xE0 ? 2 : byte < 0xF0 ? 3 : 4;
+        return wanted > back ? length - back : length;
+    }
+    return length;
+}
+
 /* ---- in place ---- */
 
 void str_replace_char(char *text, char from, char to)

@@ -39,6 +39,10 @@ std::string valid_utf8(const char *bytes, size_t length);
 /* How many bytes of a valid text fit into `limit` without cutting a character in two. */
 size_t utf8_border(const std::string &text, size_t limit);
 
+/* How many of these bytes, in any encoding, end with a whole character: all of them, less one at the end of
+ * which more bytes are to come. */
+size_t utf8_whole(const char *bytes, size_t length);
+
 /* Every occurrence of byte `from` becomes `to`, in place. A null text is left alone. */
 void str_replace_char(char *text, char from, char to);
 

@@ -144,3 +144,19 @@ TEST(utf8_border, never_cuts_a_character)
         EXPECT_EQ(utf8_border(text, limit), borders[limit]) << limit;
     EXPECT_EQ(utf8_border("", 0), 0u);
 }
+
+TEST(utf8_whole, leaves_an_unfinished_character_out)
+{
+    const std::string text = "a\u00e4\u20ac\U0001F600z"; /* 1, 2, 3, 4 and 1 bytes */
+    const size_t whole[] = {0, 1, 1, 3, 3, 3, 6, 6, 6, 6, 10, 11};
+    for (size_t length = 0; length <= text.size(); length++)
+        EXPECT_EQ(utf8_whole(text.data(), length), whole[length]) << length;
+}
+
+TEST(utf8_whole, keeps_what_no_further_byte_can_finish)
+{
+    for (const char *bytes :
+         {"a\x80", "a\x80\x80", "\x80\x80\x80\x80", "a\xC1", "a\xF5", "a\xFF\xFF", "\xC3\xA4\x80"})
+        EXPECT_EQ(utf8_whole(bytes, strlen(bytes)), strlen(bytes)) << testing::PrintToString(bytes);
+    EXPECT_EQ(utf8_whole("\xF0\x9F\x98", 3), 0u) << "less than one character";
+}
