@@ -12,8 +12,10 @@
 
 static bool in_child;
 
-/* A line that is logged while a line is being streamed would chase its own tail: it goes to the file only. */
-static bool streaming;
+static int file_only; /* how many log_file_only live */
+
+log_file_only::log_file_only() { file_only++; }
+log_file_only::~log_file_only() { file_only--; }
 
 void log_set_child(void) { in_child = true; }
 
@@ -56,11 +58,10 @@ void log_put(FILE *file, const char *line)
 /* Every line that passed the filter goes to the log stream. */
 static void platform_logger(const char *line)
 {
-    if (streaming || in_child)
+    if (file_only || in_child)
         return;
-    streaming = true;
+    log_file_only quiet;
     call_hook(hooks.append_logs, line);
-    streaming = false;
 }
 
 int debug_log(const char *file, int line, int level, const char *format, ...)

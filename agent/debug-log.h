@@ -45,5 +45,16 @@ void log_put(FILE *file, const char *line);
 /* Local time as "%F %H:%M:%S" into a 20-byte buffer. */
 void log_time_stamp(char (&stamp)[20]);
 
+/*
+ * While one of these lives, lines go to the file only. Whoever sends logged lines on has one: a line about
+ * the sending would chase its own tail.
+ */
+struct log_file_only {
+    log_file_only();
+    ~log_file_only();
+    log_file_only(const log_file_only &) = delete;
+    log_file_only &operator=(const log_file_only &) = delete;
+};
+
 /* Called in a child process: its lines go to the file only, never to the log stream. */
 void log_set_child(void);

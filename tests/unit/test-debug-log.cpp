@@ -174,6 +174,23 @@ TEST_F(debug_log_test, a_line_logged_while_streaming_goes_to_the_file_only)
     EXPECT_EQ(streamed.size(), 2u) << "the next line is streamed again";
 }
 
+TEST_F(debug_log_test, lines_about_the_streaming_go_to_the_file_only)
+{
+    hooks.append_logs = keep_line;
+    {
+        log_file_only quiet;
+        {
+            log_file_only more;
+            debug_log("log.c", 1, 0, "one");
+        }
+        debug_log("log.c", 2, 0, "two");
+    }
+    EXPECT_TRUE(streamed.empty());
+    EXPECT_EQ(logged(), (std::vector<std::string>{"log.c:one", "log.c:two"}));
+    debug_log("log.c", 3, 0, "three");
+    EXPECT_EQ(streamed.size(), 1u);
+}
+
 TEST_F(debug_log_test, a_childs_line_goes_to_the_file_only)
 {
     hooks.append_logs = [](const char *) { _exit(1); };
