@@ -27,8 +27,9 @@ struct agent_hooks {
     void (*platform_cancel_cfg_restore)(void); /* the connection proved alive */
 
     /* messages */
-    int32_t (*sw_update_state)(void); /* "swUpdateState" of REGISTER */
-    void (*stop_fw_dl_process)(void); /* ends a running firmware download */
+    int (*write_to_fcgi)(const char *text, size_t length); /* one packet for the front end */
+    int32_t (*sw_update_state)(void);                      /* "swUpdateState" of REGISTER */
+    void (*stop_fw_dl_process)(void);                      /* ends a running firmware download */
 
     /* dispatcher */
     void (*stop_wifiperf)(void); /* ends a running Wi-Fi throughput test */
@@ -37,7 +38,7 @@ struct agent_hooks {
     void (*platform_restore_cfg)(void); /* back to the last good configuration */
 
     /* start */
-    void (*log_server_init)(void);
+    int (*log_server_init)(void);
     int (*platform_event_listener)(void);
     void (*device_agent_msg_from_wifid_callback_init)(void);
 };

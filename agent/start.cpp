@@ -98,8 +98,8 @@ int start_device_agent(int debug_level)
     LOG(LOG_EVENT, "Initializing da.state to [%d]", da.state);
     count_restart();
     lws_set_log_level(LWS_LOG_MASK, lws_log_hook);
-    call_hook(hooks.log_server_init);
-    call_hook(hooks.platform_event_listener);
+    (void)call_hook(hooks.log_server_init); /* it runs without them as well */
+    (void)call_hook(hooks.platform_event_listener);
     da_enter_state(DA_STATE_IDLE);
     call_hook(hooks.device_agent_msg_from_wifid_callback_init);
     platform_create_heartbeat();

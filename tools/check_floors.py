@@ -25,10 +25,10 @@ FLOORS = [
         "agent/ws-session", "agent/ws-target", "agent/ws-timers",
     ]),
     ("messages", [
-        "protocol/device-info", "protocol/directives", "protocol/error-codes", "protocol/managed-info",
+        "protocol/command-output", "protocol/device-info", "protocol/directives", "protocol/error-codes", "protocol/managed-info",
         "protocol/message", "protocol/received", "protocol/register", "protocol/replies", "protocol/session-id",
     ]),
-    ("jobs", ["operations/", "stats/"]),
+    ("jobs", ["operations/", "platform/event-trap", "stats/"]),
     ("state machine", [
         "agent/cfg-restore-timer", "agent/config-change", "agent/registration", "agent/state-connected",
         "agent/state-connecting", "agent/state-disconnected", "agent/state-discovery", "agent/state-idle",
@@ -52,12 +52,9 @@ def module_of(path: str) -> str:
 
 
 def floor_of(module: str) -> int:
-    """The number of the floor a module stands on; -1 when it stands nowhere."""
-    for number, (_, rooms) in enumerate(FLOORS):
-        for room in rooms:
-            if module == room or (room.endswith("/") and module.startswith(room)):
-                return number
-    return -1
+    """The number of the floor a module stands on, its own name before its folder's; -1 when it stands nowhere."""
+    floors = {room: number for number, (_, rooms) in enumerate(FLOORS) for room in rooms}
+    return floors.get(module, floors.get(module.split("/")[0] + "/", -1))
 
 
 def read_includes(root: pathlib.Path) -> list[tuple[str, int, str]]:

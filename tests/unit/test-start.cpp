@@ -69,7 +69,10 @@ void install_hooks(void)
     step("install_hooks");
     hooks.append_logs = record_line;
     hooks.state_entry[DA_STATE_IDLE] = [] { step("enter_idle"); };
-    hooks.log_server_init = [] { step("log_server_init"); };
+    hooks.log_server_init = [] {
+        step("log_server_init");
+        return -1;
+    };
     hooks.platform_event_listener = [] {
         step("platform_event_listener");
         return 0;
