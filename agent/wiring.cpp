@@ -11,6 +11,8 @@
 #include "agent/state-idle.h"
 #include "agent/ws-session.h"
 #include "operations/config-restore.h"
+#include "operations/log-stream.h"
+#include "platform/event-trap.h"
 #include "protocol/dispatcher.h"
 #include "stats/stats-timers.h"
 
@@ -32,6 +34,11 @@ void install_hooks(void)
     hooks.handle_orv_msg = handle_orv_msg;
     hooks.wait_for_reconnect = wait_for_reconnect;
     hooks.cancel_periodic_stats = cancel_stats_timers;
+
+    /* local programs: their log lines and events */
+    hooks.append_logs = append_logs;
+    hooks.log_server_init = log_server_init;
+    hooks.platform_event_listener = platform_event_listener;
 
     /* configuration: the safety net of an update */
     hooks.platform_cancel_cfg_restore = platform_cancel_cfg_restore;
