@@ -116,6 +116,7 @@ TEST_F(log_flood, neither_holds_the_loop_up_nor_grows_memory)
             continue;
         send_ts_data_cb(nullptr); /* a second of the stream */
         seconds++;
+        fake_waits.clear(); /* the clock's own record of the passes */
         for (const std::string &message : take_queued())
             most_queued = std::max(most_queued, message.size());
         ASSERT_LT(milliseconds(CLOCK_REALTIME) - start, DEADLINE_S * 1000);
@@ -124,6 +125,7 @@ TEST_F(log_flood, neither_holds_the_loop_up_nor_grows_memory)
     }
     EXPECT_EQ(status, 0) << "the sender ended well";
     double took = milliseconds(CLOCK_REALTIME) - start;
+    std::vector<struct timespec>().swap(fake_waits);
     size_t after = heap_bytes();
     printf("%d lines in %.0f ms, longest pass %.2f ms, heap %zu -> %zu bytes, largest message %zu of %d\n",
            LINES, took, longest, before, after, most_queued, seconds);
