@@ -15,6 +15,7 @@ from typing import Any, Optional
 from lab import schemas, statscommands
 from lab.controller import REGISTER, REGISTER_SUCCESS, Acceptance
 from lab.desk import BAD, GOOD, MORE, Desk, Failed, Outcome, Verdict, answers, told
+from lab.localcommands import log_line, raise_event
 
 CONFIG_UPDATE = 106
 _CONFIG_STATUS, _CONFIG_FAILURE = 406, 706
@@ -214,6 +215,7 @@ _HAPPENINGS: dict[str, Callable[[Any], str]] = {
     "disconnected": _closed,
     "agent-started": lambda event: f"the agent started (start {event['count']})",
     "agent-ended": lambda event: f"the agent ended with status {event['status']}",
+    "trap": lambda event: f"the device forwarded an event: {event['text']}",
     "rebooting": lambda event: "the device goes down",
     "rebooted": lambda event: "the device is up again",
 }
@@ -247,6 +249,8 @@ COMMANDS: dict[str, Command] = {
     "info": device_info,
     "managed": managed_info,
     "send": send,
+    "event": raise_event,
+    "log": log_line,
     "watch": watch,
     "state": state,
     **statscommands.COMMANDS,

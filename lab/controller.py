@@ -16,6 +16,7 @@ from aiohttp import web
 
 from lab import network, schemas
 from lab.authority import Certificates
+from lab.forwarded import Forwarded
 from lab.journal import Event, Journal
 from lab.world import World
 
@@ -113,6 +114,8 @@ class Controller:
         self.refuse_upgrades: list[int] = []
         """HTTP statuses for the next connection attempts, used up one by one."""
         self.connections: list[Connection] = []
+        self.forwarded = Forwarded()
+        """The events that local programs of the device are known to raise."""
         self._runner: Optional[web.AppRunner] = None
 
     # -- life -------------------------------------------------------------------------------
@@ -158,6 +161,10 @@ class Controller:
         """As `wait_message`, with the text as it came ("text") and its connection."""
         return self._journal.wait("from-agent", lambda e: e["message"].get("msgType") == msg_type,
                                   timeout, what=f"a message {msg_type} from the agent")
+
+    def wait_trap(self, timeout: float = 10.0) -> bytes:
+        """The next event of a local program that the agent has forwarded, byte for byte."""
+        return self._journal.wait("trap", timeout=timeout, what="a forwarded event")["data"]
 
     def wait_ping(self, timeout: float = 30.0) -> Event:
         """The next ping: its "payload" and "connection"."""
@@ -254,8 +261,11 @@ class Controller:
         """Deals with one frame; False when the connection is over."""
         kind = frame.type
         if kind in (aiohttp.WSMsgType.TEXT, aiohttp.WSMsgType.BINARY):
-            text = frame.data if isinstance(frame.data, str) else frame.data.decode("utf-8",
-                                                                                    "replace")
+            data = frame.data.encode() if isinstance(frame.data, str) else bytes(frame.data)
+            text = data.decode("utf-8", "replace")
+            if self.forwarded.take(data):
+                self._journal.note("trap", data=data, text=text, connection=connection)
+                return True
             await self._receive(connection, text, kind == aiohttp.WSMsgType.BINARY)
         elif kind == aiohttp.WSMsgType.PING:
             await self._receive_ping(connection, bytes(frame.data))

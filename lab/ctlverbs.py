@@ -162,6 +162,18 @@ DIRECTIVES = (
 )
 
 
+# -- local programs -------------------------------------------------------------------------
+
+LOCAL = (
+    Verb("event", "have a program of the device raise an event",
+         lambda a: ("event", {"text": a.text}),
+         lambda parser: parser.add_argument("text", metavar="TEXT", help="any text") and None),
+    Verb("log", "have a program of the device log a line",
+         lambda a: ("log", {"text": a.line}),
+         lambda parser: parser.add_argument("line", metavar="LINE") and None),
+)
+
+
 # -- looking --------------------------------------------------------------------------------
 
 def _send_arguments(parser: argparse.ArgumentParser) -> None:
@@ -192,5 +204,5 @@ LOOKING = (
          lambda a: ("state", {}), output=_state),
 )
 
-GROUPS: tuple[tuple[Verb, ...], ...] = (CONFIG, STATS, DIRECTIVES, LOOKING)
+GROUPS: tuple[tuple[Verb, ...], ...] = (CONFIG, STATS, DIRECTIVES, LOCAL, LOOKING)
 GROUP_HELP = {"config": "the device's configuration", "stats": "the device's statistics"}

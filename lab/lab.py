@@ -26,6 +26,7 @@ from lab.logfile import LogFile
 from lab.names import Names
 from lab.network import Network
 from lab.onboarding import Onboarding
+from lab.programs import Programs
 from lab.rawpeer import RawPeer
 from lab.reports import Reports
 from lab.shownstatus import PATH as STATUS_FILE
@@ -94,6 +95,7 @@ class Lab:
         self.reports = Reports(self.device.folder / "reports.sqlite")
         self._undo.append(self.reports.close)
         self.journal.subscribe(self.reports.listen)
+        self.programs = Programs(self.device, self.controller.forwarded)
         self.wifid = Wifid(self.world, self.journal, self.device)
         self.dhcp = Dhcp(self.world, self.journal, self.device, self.network)
         self.shown = ShownStatus(self.world, self.journal, self.device)

@@ -45,6 +45,7 @@ def describe(event: Event) -> Optional[tuple[str, str]]:
     simple = {
         "from-agent": lambda: ("out", "agent ---> "
                                 + _message("to-controller", event["text"])),
+        "trap": lambda: ("out", "agent ---> event: " + short(event["text"])),
         "to-agent": lambda: ("in", "agent <--- " + _message("to-agent", event["text"])),
         "onboarding": lambda: ("out", f"agent <--> onboarding: answered {event['answer']} to "
                                       f"{event['text'].splitlines()[0]}"),

@@ -168,6 +168,23 @@ def test_a_pulled_configuration_can_be_pushed_again(ctl, online, tmp_path):
     assert not (tmp_path / "none").exists()
 
 
+def test_a_program_of_the_device_raises_an_event_and_logs(ctl, online):
+    done = ctl("event", "the door was opened")
+    assert (done.returncode, done.stdout) == (
+        0, "done: the controller got 19 bytes: the door was opened\n")
+    assert online.controller.wait_trap() == b"the door was opened"
+    done = ctl("log", "hostapd: up")
+    assert (done.returncode, done.stdout) == (
+        0, "done: the line is among the device's last ones\n")
+
+
+def test_without_an_agent_no_event_is_taken(bare):
+    assert run(*HERE, "event", "x").returncode == 1
+    done = run(*HERE, "log", "x")
+    assert (done.returncode, done.stderr) == (
+        1, "failed: the agent does not take log lines: No such file or directory\n")
+
+
 def test_the_clock_is_offered_at_the_next_registration(ctl, online):
     done = ctl("clock", "2026-01-02 03:04:05")
     assert done.returncode == 0, done.stdout + done.stderr

@@ -103,15 +103,17 @@ TEST_F(log_flood, neither_holds_the_loop_up_nor_grows_memory)
     if (child == 0)
         flood();
     double start = milliseconds(CLOCK_REALTIME);
-    double longest = 0;
+    double longest = 0, longest_by_the_clock = 0;
     size_t most_queued = 0;
     size_t before = heap_bytes();
     int status = -1;
     int seconds = 0;
     for (int passes = 0; status == -1 || passes % 1000 != 0; passes++) {
+        double moment = milliseconds(CLOCK_REALTIME);
         double began = milliseconds(CLOCK_THREAD_CPUTIME_ID);
         ev_main();
         longest = std::max(longest, milliseconds(CLOCK_THREAD_CPUTIME_ID) - began);
+        longest_by_the_clock = std::max(longest_by_the_clock, milliseconds(CLOCK_REALTIME) - moment);
         if (passes % 1000 != 0)
             continue;
         send_ts_data_cb(nullptr); /* a second of the stream */
@@ -127,8 +129,10 @@ TEST_F(log_flood, neither_holds_the_loop_up_nor_grows_memory)
     double took = milliseconds(CLOCK_REALTIME) - start;
     std::vector<struct timespec>().swap(fake_waits);
     size_t after = heap_bytes();
-    printf("%d lines in %.0f ms, longest pass %.2f ms, heap %zu -> %zu bytes, largest message %zu of %d\n",
-           LINES, took, longest, before, after, most_queued, seconds);
+    printf("%d lines in %.0f ms, longest pass %.2f ms of work, %.2f ms by the clock, heap %zu -> %zu bytes, "
+           "largest message %zu of %d\n",
+           LINES, took, longest, longest_by_the_clock, before, after, most_queued, seconds);
+    /* Work, for the machine may give its time to others. */
     EXPECT_LT(longest, LONGEST_PASS_MS);
     EXPECT_GT(most_queued, 7000u) << "the stream carried them";
     EXPECT_LT(most_queued, 8400u) << "and no more than fits";
