@@ -26,7 +26,8 @@ FROM_AGENT = [row for row in ROWS if row["direction"] == "to-controller"]
 FROM_CONTROLLER = [row for row in ROWS if row["direction"] == "to-agent"]
 
 
-OPTIONAL = {403: {"stats"}, 404: {"stats"}, 422: {"stats"}, 424: {"stats"}, 699: {"varPayload"}}
+OPTIONAL = {403: {"stats"}, 404: {"stats"}, 409: {"command", "output"}, 422: {"stats"}, 424: {"stats"},
+            699: {"varPayload"}}
 """The few members that the agent may leave out of a message."""
 
 
