@@ -16,7 +16,7 @@ from aiohttp import web
 
 from lab import network, schemas
 from lab.authority import Certificates
-from lab.forwarded import Forwarded
+from lab.forwarded import Forwarded, shown
 from lab.journal import Event, Journal
 from lab.world import World
 
@@ -264,7 +264,7 @@ class Controller:
             data = frame.data.encode() if isinstance(frame.data, str) else bytes(frame.data)
             text = data.decode("utf-8", "replace")
             if self.forwarded.take(data):
-                self._journal.note("trap", data=data, text=text, connection=connection)
+                self._journal.note("trap", data=data, text=shown(data), connection=connection)
                 return True
             await self._receive(connection, text, kind == aiohttp.WSMsgType.BINARY)
         elif kind == aiohttp.WSMsgType.PING:

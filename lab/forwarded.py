@@ -19,6 +19,12 @@ def as_forwarded(datagram: bytes) -> bytes:
     return datagram[:EVENT_SIZE].partition(b"\0")[0]
 
 
+def shown(data: bytes) -> str:
+    """An event on a terminal: what it cannot print, and what would move it, is escaped."""
+    text = data.decode("utf-8", "backslashreplace")
+    return "".join(c if c.isprintable() else c.encode("unicode_escape").decode() for c in text)
+
+
 class Forwarded:
     """The announced events; may be used from any thread."""
 

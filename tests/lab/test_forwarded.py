@@ -7,7 +7,7 @@ import pytest
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[2]))
 
-from lab.forwarded import Forwarded, as_forwarded  # noqa: E402 - needs the path above
+from lab.forwarded import Forwarded, as_forwarded, shown  # noqa: E402 - needs the path above
 
 
 @pytest.mark.parametrize("datagram, forwarded", [
@@ -15,6 +15,13 @@ from lab.forwarded import Forwarded, as_forwarded  # noqa: E402 - needs the path
     (b"x" * 2048, b"x" * 2048), (b"x" * 2049, b"x" * 2048), (b"\xff\n", b"\xff\n")])
 def test_what_arrives_of_a_datagram(datagram: bytes, forwarded: bytes) -> None:
     assert as_forwarded(datagram) == forwarded
+
+
+@pytest.mark.parametrize("data, text", [
+    (b'{"a": 1}', '{"a": 1}'), ("\u20ac".encode(), "\u20ac"), (b"a\xff", "a\\xff"),
+    (b"\x1b[2J\n", "\\x1b[2J\\n"), ("\u202e".encode(), "\\u202e")])
+def test_an_event_does_not_move_the_terminal(data: bytes, text: str) -> None:
+    assert shown(data) == text
 
 
 def test_an_announcement_is_good_for_one_message() -> None:
