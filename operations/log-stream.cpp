@@ -12,7 +12,7 @@
 #include "agent/ev.h"
 #include "agent/owners.h"
 #include "agent/text.h"
-#include "platform/local-socket.h"
+#include "agent/local-socket.h"
 #include "protocol/command-output.h"
 
 #define MODULE "log.c"

@@ -10,7 +10,7 @@
 #include "agent/owners.h"
 #include "agent/txq.h"
 #include "platform/identity.h"
-#include "platform/local-socket.h"
+#include "agent/local-socket.h"
 
 #define MODULE "wifi.c"
 

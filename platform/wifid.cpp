@@ -7,30 +7,17 @@
 #include <sys/un.h>
 
 #include "agent/debug-log.h"
+#include "agent/local-socket.h"
 #include "agent/owners.h"
 
 #define MODULE "wifi.c"
 
 int32_t controller_connected;
 
-/* Fills the address; -1 with errno when the path is too long for one. */
-static int socket_address(const char *path, struct sockaddr_un *address)
-{
-    *address = {};
-    address->sun_family = AF_UNIX;
-    size_t length = strlen(path);
-    if (length >= sizeof(address->sun_path)) {
-        errno = ENAMETOOLONG;
-        return -1;
-    }
-    memcpy(address->sun_path, path, length);
-    return 0;
-}
-
 static ssize_t send_datagram(int fd, const char *path, uint8_t dest, const char *text, size_t length)
 {
     struct sockaddr_un address;
-    if (socket_address(path, &address) != 0)
+    if (local_address(path, &address) != 0)
         return -1;
     struct iovec parts[] = {{&dest, sizeof(dest)}, {const_cast<char *>(text), length}};
     struct msghdr message = {};

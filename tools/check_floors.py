@@ -16,7 +16,7 @@ FLOORS = [
     ("device library", ["device/"]),
     ("ground", [
         "agent/build-constants", "agent/da", "agent/debug-log", "agent/enter-state", "agent/ev", "agent/fatal",
-        "agent/hooks", "agent/lws-log", "agent/named-timer", "agent/owners", "agent/reasons", "agent/run",
+        "agent/hooks", "agent/local-socket", "agent/lws-log", "agent/named-timer", "agent/owners", "agent/reasons", "agent/run",
         "agent/signal-mask", "agent/state-file", "agent/text", "agent/utils",
     ]),
     ("device", ["platform/"]),
@@ -27,6 +27,7 @@ FLOORS = [
     ("messages", [
         "protocol/command-output", "protocol/device-info", "protocol/directives", "protocol/error-codes", "protocol/managed-info",
         "protocol/message", "protocol/received", "protocol/register", "protocol/replies", "protocol/session-id",
+        "protocol/scan-failure", "protocol/wifid-payload",
     ]),
     ("jobs", ["operations/", "platform/event-trap", "stats/"]),
     ("state machine", [

@@ -1,4 +1,4 @@
-#include "platform/local-socket.h"
+#include "agent/local-socket.h"
 
 #include <filesystem>
 
