@@ -122,6 +122,8 @@ def _value(member: Schema) -> str:
         return _value(schema["anyOf"][0]) + "; anything else"
     if "allOf" in schema:
         return "an [error code](#error-codes)"
+    if "type" not in schema:
+        return "any JSON value"
     if isinstance(schema["type"], list):
         return " or ".join(schema["type"])
     if schema["type"] == "string" and "maxLength" in schema and "pattern" not in schema:
