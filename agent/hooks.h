@@ -8,6 +8,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include <jansson.h>
+
 struct agent_hooks {
     /* ground */
     void (*append_logs)(const char *line); /* a logged line, for the log stream */
@@ -25,6 +27,15 @@ struct agent_hooks {
     void (*wait_for_reconnect)(void);  /* a connect attempt failed */
     void (*cancel_periodic_stats)(void);
     void (*platform_cancel_cfg_restore)(void); /* the connection proved alive */
+
+    /*
+     * jobs that the front end asks for: 0, or a status with the error text (ERROR_STRING_SIZE
+     * bytes) set. The name of the command goes to `name`, where one is wanted; its receiver frees it.
+     */
+    int (*parse_exec_cmd)(const json_t *request, char *error_text);
+    int (*start_exec_cmd)(const json_t *request, int32_t ts_mode, char **name);
+    int (*abort_exec_cmd)(const json_t *request, char **name); /* a null request ends whatever runs */
+    int (*parse_radio_scan_request)(const json_t *request, char *error_text, int32_t mode);
 
     /* messages */
     int (*write_to_fcgi)(const char *text, size_t length); /* one packet for the front end */

@@ -1,6 +1,7 @@
 /*
- * Messages to the controller: one JSON object each, "msgType" first, members in the order in which they were
- * added, the serialiser's default separators.
+ * Messages to the controller: one JSON object each, "msgType" first (but for the Wi-Fi daemon's, see
+ * protocol/wifid-payload.h), members in the order in which they were added, the serialiser's default
+ * separators.
  */
 #pragma once
 
@@ -12,6 +13,8 @@
  * failure. */
 enum {
     MSG_REGISTER = 100,
+    MSG_FROM_WIFID = 116,          /* a payload of the Wi-Fi daemon */
+    MSG_REGISTER_FROM_WIFID = 118, /* its registration */
     MSG_SW_UPGRADE_RSP = 401,
     MSG_REBOOT_RSP = 402,
     MSG_STATS = 403,
@@ -30,6 +33,7 @@ enum {
     MSG_SW_UPGRADE_FAILURE = 701,
     MSG_EXEC_CMD_FAILURE = 709,
     MSG_EXEC_STOP_FAILURE = 710,
+    MSG_RADIO_SCAN_FAILURE = 711,
     MSG_FAILURE = 999, /* answers a message whose type could not be read */
 };
 

@@ -1,5 +1,6 @@
 /*
- * Messages from the controller: their types and the reading of their members.
+ * Messages from the controller, and from the front end, which has some in common: their types and the reading
+ * of their members.
  */
 #pragma once
 
@@ -14,12 +15,16 @@ enum {
     MSG_CONFIG_UPDATE_REQUEST = 106,
     MSG_CONFIG_PULL_REQUEST = 107,
     MSG_MANAGED_INFO = 108,
+    MSG_EXEC_CMD = 109,           /* from the front end only, so far */
+    MSG_EXEC_STOP = 110,          /* likewise */
+    MSG_RADIO_SCAN_REQUEST = 111, /* likewise */
     MSG_LOCATE_CMD = 115,
     MSG_INTVL_UPDATE_CMD_REQUEST = 117,
     MSG_STATS_INFO_REQUEST = 122,
     MSG_DEV_INFO_REQUEST = 123,
     MSG_STATS_CUSTOM_REQUEST = 124,
     MSG_REGISTER_SUCCESS = 400,
+    MSG_CONTROLLER_RSP = 416,
     MSG_ORVANTA_CONNECT_STATUS = 697,
     MSG_REGISTER_FAILED = 700,
 };
