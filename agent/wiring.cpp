@@ -13,6 +13,9 @@
 #include "operations/config-restore.h"
 #include "operations/log-stream.h"
 #include "platform/event-trap.h"
+#include "operations/front-end-requests.h"
+#include "operations/wifid-listener.h"
+#include "platform/station-disconnect.h"
 #include "protocol/dispatcher.h"
 #include "stats/stats-timers.h"
 
@@ -43,4 +46,9 @@ void install_hooks(void)
     /* configuration: the safety net of an update */
     hooks.platform_cancel_cfg_restore = platform_cancel_cfg_restore;
     hooks.platform_restore_cfg = platform_restore_cfg;
+
+    /* local programs */
+    hooks.platform_fcgi_server_init = platform_fcgi_server_init;
+    hooks.install_station_disconnect = install_station_disconnect;
+    hooks.device_agent_msg_from_wifid_callback_init = device_agent_msg_from_wifid_callback_init;
 }

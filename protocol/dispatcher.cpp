@@ -22,6 +22,7 @@
 #include "protocol/register.h"
 #include "stats/stats-json-parse.h"
 #include "stats/stats-timers.h"
+#include "protocol/wifid-payload.h"
 
 #define MODULE "device-agent.c"
 
@@ -60,6 +61,9 @@ static int custom_stats(const json_t *obj, char *error_text)
 {
     return parse_build_on_demand_stats(obj, error_text, STATS_CUSTOM);
 }
+
+/* The answer is the Wi-Fi daemon's; one that does not get there is logged where it is lost. */
+static int controller_response(const json_t *obj, char *) { return handle_controller_rsp(obj); }
 
 static int register_success(const json_t *obj, char *error_text)
 {
@@ -124,6 +128,8 @@ static const message_row catalogue[] = {
     {MSG_STATS_CUSTOM_REQUEST, LOG_TRACE, "%s: MSG_STATS_CUSTOM_REQUEST received", custom_stats, 724, 0,
      "%s: MSG_STATS_CUSTOM_REQUEST Complete"},
     {MSG_REGISTER_SUCCESS, LOG_EVENT, "%s: MSG_REGISTER_SUCCESS received", register_success, 0, 0, nullptr},
+    {MSG_CONTROLLER_RSP, LOG_TRACE, "%s: Controller response message received", controller_response, 0, 0,
+     nullptr},
     {MSG_ORVANTA_CONNECT_STATUS, LOG_TRACE, "%s: MSG_ORVANTA_CONNECT_STATUS received",
      parse_and_apply_orvanta_status, MSG_FAILURE, 0, nullptr},
     {MSG_REGISTER_FAILED, LOG_EVENT, "%s: MSG_REGISTER_FAILED received", register_failed, 700, 0, nullptr},

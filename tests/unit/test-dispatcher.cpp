@@ -14,6 +14,7 @@
 #include "tests/unit/connection-test.h"
 #include "tests/unit/fake-device.h"
 #include "tests/unit/queued.h"
+#include "tests/unit/wifid-end.h"
 
 class dispatcher_test : public connection_test {
 protected:
@@ -206,6 +207,19 @@ TEST_F(dispatcher_test, managed_information_is_applied_and_answered)
     EXPECT_EQ(take_one_queued(), "{\"msgType\": 408}");
 }
 
+/* ---- 416 ---- */
+
+TEST_F(dispatcher_test, an_answer_for_the_wifi_daemon_is_passed_on_and_not_answered)
+{
+    wifid_end end;
+    EXPECT_EQ(handle("{\"ctrlrPayload\": {\"b\": 1, \"a\": [2]}, \"msgType\": 416}"), 0);
+    EXPECT_EQ(end.receive(), std::string("\0{\"b\": 1, \"a\": [2]}", 19));
+    EXPECT_EQ(handle("{\"msgType\": 416}"), -1);
+    EXPECT_EQ(end.receive(), "(nothing)");
+    EXPECT_TRUE(was_logged("no ctrlr payload in controller response{\"msgType\": 416}"));
+    EXPECT_EQ(txq, nullptr);
+}
+
 /* ---- 115 ---- */
 
 TEST_F(dispatcher_test, locate_runs_the_tool_and_is_always_answered)
@@ -313,6 +327,7 @@ TEST_F(dispatcher_test, received_lines_have_their_levels)
         {"117", "handle_orv_msg: MSG_INTVL_UPDATE_CMD_REQUEST received", 3},
         {"123", "handle_orv_msg:MSG_DEV_INFO_REQUEST received", 3},
         {"400", "handle_orv_msg: MSG_REGISTER_SUCCESS received", 2},
+        {"416", "handle_orv_msg: Controller response message received", 3},
         {"697", "handle_orv_msg: MSG_ORVANTA_CONNECT_STATUS received", 3},
         {"700", "handle_orv_msg: MSG_REGISTER_FAILED received", 2},
         {"116", "handle_orv_msg: UNKNOWN message 116 received from Orvanta", 0},
