@@ -8,7 +8,7 @@ import datetime
 import json
 import sys
 from pathlib import Path
-from typing import Any, Optional
+from typing import Any, Callable, Optional
 
 from lab.ctlstats import STATS
 from lab.ctlverb import BadUsage, Request, Verb, count_of
@@ -204,5 +204,31 @@ LOOKING = (
          lambda a: ("state", {}), output=_state),
 )
 
-GROUPS: tuple[tuple[Verb, ...], ...] = (CONFIG, STATS, DIRECTIVES, LOCAL, LOOKING)
-GROUP_HELP = {"config": "the device's configuration", "stats": "the device's statistics"}
+# -- the Wi-Fi daemon -----------------------------------------------------------------------
+
+def _payload_arguments(parser: argparse.ArgumentParser) -> None:
+    parser.add_argument("json", metavar="JSON", help='any JSON value; "-" is standard input')
+
+
+def _payload(command: str) -> Callable[[argparse.Namespace], Request]:
+    def request(arguments: argparse.Namespace) -> Request:
+        text = _read("-") if arguments.json == "-" else arguments.json
+        try:
+            return command, {"payload": json.loads(text)}
+        except ValueError as error:
+            raise BadUsage(f"not JSON: {error}") from None
+    return request
+
+
+WIFID = (
+    Verb("wifid answer", "give the daemon an answer of the controller", _payload("wifid-answer"),
+         _payload_arguments),
+    Verb("wifid event", "have the daemon raise an event for the controller",
+         _payload("wifid-event"), _payload_arguments),
+    Verb("wifid register", "have the daemon register with the controller",
+         _payload("wifid-register"), _payload_arguments),
+)
+
+GROUPS: tuple[tuple[Verb, ...], ...] = (CONFIG, STATS, DIRECTIVES, LOCAL, LOOKING, WIFID)
+GROUP_HELP = {"config": "the device's configuration", "stats": "the device's statistics",
+              "wifid": "the device's Wi-Fi daemon and its talk with the controller"}

@@ -1,4 +1,5 @@
-"""A stand-in for the Wi-Fi daemon: hears what the agent tells it and can talk back."""
+"""A stand-in for the Wi-Fi daemon: it registers with the controller, raises events and hears the
+controller's answers, all through the agent."""
 
 import json
 import os
@@ -11,8 +12,12 @@ from lab.world import World
 
 LISTENS_AT = "/var/tmp/device_agent_to_wifid_msgs"
 AGENT_LISTENS_AT = "/var/tmp/wifid_to_device_agent_msgs"
-CONNECTED_STATE = 2
-_DATAGRAM_LIMIT = 65536
+EVENT, REGISTRATION = 1, 2
+"""First byte of what it says: a payload for the controller, its registration."""
+ANSWER, CONNECTED_STATE = 0, 2
+"""First byte of what it hears: the controller's answer, whether the controller is connected."""
+_DATAGRAM_LIMIT = 262144
+_SEND_SECONDS = 2.0
 
 
 class Wifid:
@@ -23,6 +28,8 @@ class Wifid:
         self._journal = journal
         self._device = device
         self._socket: Optional[socket.socket] = None
+        self.registration: Any = None
+        """What it registers with, by itself, whenever it hears that the controller is connected."""
 
     def start(self) -> None:
         """Binds the socket inside the (running) device and listens."""
@@ -63,12 +70,39 @@ class Wifid:
             self._journal.note("problem", text=f"wifid got a message without JSON: {datagram!r}")
         self._journal.note("wifid", dest=datagram[0] if datagram else None, text=text,
                            payload=payload)
+        if datagram[:1] == bytes([CONNECTED_STATE]) and payload == {"status": 1}:
+            self._register_again()
 
-    def send(self, dest: int, payload: Any) -> None:
-        """Sends the agent one message as the daemon would."""
-        text = payload if isinstance(payload, str) else json.dumps(payload)
+    def _register_again(self) -> None:
+        if self.registration is None:
+            return
+        try:
+            self.register(self.registration)
+        except OSError as error:  # the agent has gone away meanwhile; it will tell its state again
+            self._journal.note("wifid-unheard", error=str(error))
+
+    def send(self, dest: int, text: str) -> None:
+        """Sends the agent one message with this text, JSON or not."""
+        self.send_bytes(bytes([dest]) + text.encode())
+
+    def send_bytes(self, datagram: bytes) -> None:
+        """Sends the agent any datagram; raises OSError when the agent does not listen."""
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as sender:
-            sender.sendto(bytes([dest]) + text.encode(), self._inside(AGENT_LISTENS_AT))
+            sender.settimeout(_SEND_SECONDS)
+            sender.sendto(datagram, self._inside(AGENT_LISTENS_AT))
+
+    def raise_event(self, payload: Any) -> None:
+        """Has the agent pass this on to the controller (message 116)."""
+        self.send(EVENT, json.dumps(payload))
+
+    def register(self, payload: Any) -> None:
+        """Registers with the controller (message 118)."""
+        self.send(REGISTRATION, json.dumps(payload))
+
+    def wait_answer(self, timeout: float = 10.0) -> Event:
+        """The next answer of the controller: its "payload", and "text" as it came."""
+        return self._journal.wait("wifid", lambda e: e["dest"] == ANSWER, timeout,
+                                  what="an answer of the controller for wifid")
 
     def messages(self, dest: Optional[int] = None) -> list[Event]:
         """The messages heard so far: "dest", "text" and "payload"."""
