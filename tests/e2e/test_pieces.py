@@ -5,6 +5,7 @@ import re
 
 import pytest
 from framed import answer, answered_once, info_request
+from vitals import FORGETFUL
 
 from lab import names, network, rawpeer
 from lab.onboarding import Reply, redirect
@@ -12,9 +13,6 @@ from lab.onboarding import Reply, redirect
 RELAY_PORT = 8448
 NOT_HAD = "Not able  to allocate memory for payload , return error"
 MIB = 1024 * 1024
-FORGETFUL = {"ASAN_OPTIONS": "verify_asan_link_order=0:quarantine_size_mb=0:"
-                             "thread_local_quarantine_size_kb=0"}
-"""For a sanitizer build that does not keep what was freed, where memory is measured."""
 
 
 class Crumbs:

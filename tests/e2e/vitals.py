@@ -28,6 +28,16 @@ def descriptors(lab: Lab) -> list[str]:
     return sorted(target for _, target in kept)
 
 
+def lasting_descriptors(lab: Lab) -> list[str]:
+    """The descriptors without the log, which is open only while a line is written."""
+    return [name for name in descriptors(lab) if not name.startswith("/var/log/")]
+
+
+FORGETFUL = {"ASAN_OPTIONS": "verify_asan_link_order=0:quarantine_size_mb=0:"
+                             "thread_local_quarantine_size_kb=0"}
+"""The environment in which a sanitizer keeps nothing of what is freed, for measuring memory."""
+
+
 def private_memory(lab: Lab) -> int:
     """The bytes of memory that are the agent's alone and that it has written to."""
     text = Path(f"/proc/{lab.supervisor.pid}/smaps_rollup").read_text(encoding="ascii")
