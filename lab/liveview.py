@@ -9,10 +9,13 @@ from typing import Optional
 
 from lab import schemas
 from lab.journal import Event
+from lab.wifid import ANSWER, CONNECTED_STATE, EVENT, REGISTRATION
 
 STATES = ("IDLE", "DISCOVERY", "CONNECTING", "CONNECTED", "DISCONNECTED")
 _WIDTH = 150
 _COLOURS = {"state": "36", "out": "32", "in": "33", "bad": "31", "note": "2"}
+_WIFID_HEARS = {ANSWER: "answer of the controller", CONNECTED_STATE: "controller connected"}
+_WIFID_SAYS = {EVENT: "event", REGISTRATION: "registration"}
 _LOG_NOTES = (
     "Attempting (re)connection", "Unable to", "Failed to resolve", "Not able to",
     "Discovered method", "Connected to Orvanta", "Sending REGISTER", "MSG_REGISTER_",
@@ -56,7 +59,10 @@ def describe(event: Event) -> Optional[tuple[str, str]]:
         "upgrade-refused": lambda: ("note", f"websocket refused with HTTP {event['status']}"),
         "ping": lambda: ("note", "agent ---> ping " + event["payload"].decode(errors="replace")),
         "lldp": lambda: ("note", f"agent ---> LLDP on {event['interface']}"),
-        "wifid": lambda: ("note", f"agent ---> wifid {event['dest']}: {short(event['text'])}"),
+        "wifid": lambda: ("out", "agent ---> wifid " + _WIFID_HEARS.get(event["dest"], "?")
+                          + f": {short(event['text'])}"),
+        "wifid-said": lambda: ("in", "agent <--- wifid " + _WIFID_SAYS.get(event["dest"], "?")
+                               + f": {short(event['text'])}"),
         "dhcp": lambda: ("note", f"DHCP: {event['text']}"),
         "status": lambda: ("state", f'status: "{short(event["text"])}"'),
         "agent-started": lambda: ("state", f"agent started (pid {event['pid']}, "

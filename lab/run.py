@@ -30,6 +30,7 @@ from lab.stopping import Stop, on_signals  # noqa: E402
 
 _HELP = """keys: c = kill the controller's connection   n = cut / restore the network
       k = kill the agent   r = reboot the device   s = status   q = quit (or Ctrl-C)"""
+_WIFID_REGISTRATION = {"daemon": "wifid", "radios": ["2.4GHz", "5GHz"]}
 _TICK_SECONDS = 0.2
 
 
@@ -150,6 +151,7 @@ def _run(arguments: argparse.Namespace, printer: Printer) -> int:
         lab.journal.subscribe(printer.event)
         lab.journal.subscribe(look)
         session = _Session(lab, printer)
+        lab.wifid.registration = _WIFID_REGISTRATION
         if arguments.dhcp or arguments.dhcp_url or arguments.dhcp_domain:
             _use_dhcp(lab, arguments.dhcp_url, arguments.dhcp_domain)
         lab.start_agent(arguments.agent, arguments.agent_options or ["-d", "3"],

@@ -90,6 +90,8 @@ class Wifid:
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as sender:
             sender.settimeout(_SEND_SECONDS)
             sender.sendto(datagram, self._inside(AGENT_LISTENS_AT))
+        self._journal.note("wifid-said", dest=datagram[0] if datagram else None,
+                           text=datagram[1:].decode("utf-8", "replace"))
 
     def raise_event(self, payload: Any) -> None:
         """Has the agent pass this on to the controller (message 116)."""
