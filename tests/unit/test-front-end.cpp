@@ -266,8 +266,10 @@ TEST_F(front_end, without_a_type_the_command_ends_too)
 TEST_F(front_end, an_empty_packet_closes_as_the_end_does)
 {
     client page;
+    int fd = fcgi_client_fd;
     page.ask("");
     EXPECT_EQ(page.hear(), "(closed)");
+    EXPECT_EQ(logged(), log_lines{"wifi.c:Got fcgi request " + std::to_string(fd)}) << "that is no complaint";
     EXPECT_TRUE(calls.empty());
 }
 
