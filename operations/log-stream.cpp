@@ -10,9 +10,9 @@
 
 #include "agent/debug-log.h"
 #include "agent/ev.h"
+#include "agent/local-socket.h"
 #include "agent/owners.h"
 #include "agent/text.h"
-#include "agent/local-socket.h"
 #include "protocol/command-output.h"
 
 #define MODULE "log.c"

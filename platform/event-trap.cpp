@@ -7,10 +7,10 @@
 
 #include "agent/debug-log.h"
 #include "agent/ev.h"
+#include "agent/local-socket.h"
 #include "agent/owners.h"
 #include "agent/txq.h"
 #include "platform/identity.h"
-#include "agent/local-socket.h"
 
 #define MODULE "wifi.c"
 

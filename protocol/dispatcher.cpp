@@ -20,9 +20,9 @@
 #include "protocol/message.h"
 #include "protocol/received.h"
 #include "protocol/register.h"
+#include "protocol/wifid-payload.h"
 #include "stats/stats-json-parse.h"
 #include "stats/stats-timers.h"
-#include "protocol/wifid-payload.h"
 
 #define MODULE "device-agent.c"
 
