@@ -2,18 +2,16 @@
  * device-agent: keeps an access point connected to its management controller.
  */
 #include <cstdio>
-#include <cstdlib>
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include "agent/da.h"
 #include "agent/debug-log.h"
+#include "agent/environment.h"
 #include "agent/signal-mask.h"
 #include "agent/start.h"
 #include "agent/text.h"
-#include "agent/utils.h"
 
 #define MODULE "device-agent.c"
 
@@ -31,22 +29,6 @@ static void hold_standard_descriptors(void)
     while (fd >= 0 && fd <= STDERR_FILENO);
     if (fd >= 0)
         close(fd);
-}
-
-/*
- * Nothing of the environment may steer where the agent connects or whom it trusts; and wherever it was
- * started, it holds no folder.
- */
-static void settle_environment(void)
-{
-    static const char *const steering[] = {
-        "http_proxy", "https_proxy", "all_proxy", "socks_proxy", "SSL_CERT_FILE", "SSL_CERT_DIR",
-    };
-    for (const char *name : steering)
-        unsetenv(name);
-    setenv("RES_OPTIONS", RESOLVER_OPTIONS, 1);
-    umask(022);
-    (void)!chdir("/");
 }
 
 int main(int argc, char **argv)

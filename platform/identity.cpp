@@ -138,7 +138,7 @@ static void print_to_system_log(const char *file, int line, const char *message)
     clog_print(SCM_PRINT_LEVEL, "%s (%s:%d)", message, file, line);
 }
 
-int platform_init_dev_info(void)
+void platform_read_identity(void)
 {
     read_eth_mac();
     read_sw_version();
@@ -146,6 +146,11 @@ int platform_init_dev_info(void)
     copy_text(da.dev_info.other_sw_version, get_other_version());
     copy_text(da.dev_info.product_name, this_sku().product_name);
     read_serial_number();
+}
+
+int platform_init_dev_info(void)
+{
+    platform_read_identity();
     (void)platform_init_config_version();
     read_account_id();
     scmintf_print = print_to_system_log;

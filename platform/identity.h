@@ -13,6 +13,12 @@ enum { IDENTITY_TEXT_SIZE = 128 };
  */
 int platform_init_dev_info(void);
 
+/*
+ * The part of it that only reads: MAC, versions, product name, serial number. For whoever wants to know the
+ * device without being the agent.
+ */
+void platform_read_identity(void);
+
 /* Platform type word ("Quill"), model code ("SA"), operating mode ("wi-fi"), parent MAC. Each returns 0. */
 int platform_get_type(char (&out)[IDENTITY_TEXT_SIZE]);
 int platform_get_model(char (&out)[IDENTITY_TEXT_SIZE]);
