@@ -15,8 +15,9 @@ import sys
 FLOORS = [
     ("device library", ["device/"]),
     ("ground", [
-        "agent/build-constants", "agent/da", "agent/debug-log", "agent/enter-state", "agent/ev", "agent/fatal",
-        "agent/hooks", "agent/local-socket", "agent/lws-log", "agent/named-timer", "agent/owners", "agent/reasons", "agent/run",
+        "agent/build-constants", "agent/da", "agent/debug-log", "agent/enter-state", "agent/environment", "agent/ev",
+        "agent/fatal", "agent/hooks", "agent/local-socket", "agent/lws-log", "agent/named-timer", "agent/owners",
+        "agent/reasons", "agent/run",
         "agent/signal-mask", "agent/state-file", "agent/text", "agent/utils",
     ]),
     ("device", ["platform/"]),
@@ -36,6 +37,7 @@ FLOORS = [
     ]),
     ("dispatcher", ["protocol/dispatcher"]),
     ("start", ["agent/main", "agent/signals", "agent/start", "agent/wiring"]),
+    ("tool for people", ["agentctl/"]),
 ]
 
 # What the agent may know of the device library: the headers that a maker's own library stands behind, and the
@@ -43,7 +45,7 @@ FLOORS = [
 DEVICE_LIBRARY = ["device/frames", "device/scm", "device/scmd", "device/scmintf", "device/tavosmac2name",
                   "device/tavosutils"]
 
-FOLDERS = ["agent", "device", "discovery", "operations", "platform", "protocol", "stats"]
+FOLDERS = ["agent", "agentctl", "device", "discovery", "operations", "platform", "protocol", "stats"]
 INCLUDE = re.compile(r'^\s*#\s*include\s*"([^"]+)"')
 
 
