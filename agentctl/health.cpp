@@ -16,6 +16,8 @@
 
 /* What the agent publishes while it is connected; the host follows. */
 static const char CONNECTED_TEXT[] = "Connected to ";
+/* And while it is, but waits for somebody to let the device in. */
+static const char APPROVAL_TEXT[] = "Device Approval Pending";
 #define CONNECTION_STATUS_FILE "/tmp/orv_state"
 
 static std::string value_of(const char *path, size_t limit)
@@ -24,6 +26,8 @@ static std::string value_of(const char *path, size_t limit)
     (void)read_value_file(path, text.data(), limit);
     return text.c_str();
 }
+
+enum { CLOCK_JITTER = 2 }; /* seconds */
 
 static bool is_connected(const std::string &connection)
 {
@@ -43,7 +47,8 @@ heartbeat judge_heartbeat(int64_t touched, int64_t now, int64_t uptime)
 {
     heartbeat beat;
     beat.age = now - touched;
-    beat.clock_set = beat.age > uptime; /* "/tmp" is empty at boot, so nothing in it is older */
+    /* "/tmp" is empty at boot, so nothing in it is older; and nothing is touched in the future. */
+    beat.clock_set = beat.age > uptime || beat.age < -CLOCK_JITTER;
     beat.known = !beat.clock_set;
     return beat;
 }
@@ -91,7 +96,7 @@ agent_health read_health(int64_t now)
     health.verdict = judge_health(health.process, health.beat, health.connection);
     health.last_close = reason_of(LAST_CLOSE_REASON_FILE);
     health.last_reboot = reason_of(LAST_REBOOT_REASON_FILE);
-    if (health.verdict == HEALTH_NOT_CONNECTED)
+    if (health.verdict == HEALTH_NOT_CONNECTED && health.connection != APPROVAL_TEXT)
         health.next_attempt = announced_attempt(now);
     health.starts = text_to_int(value_of(RESTARTS_FILE, NUMBER_LENGTH).c_str());
     health.session_id = value_of(SESSION_ID_FILE, NUMBER_LENGTH);

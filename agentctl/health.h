@@ -21,7 +21,7 @@ enum { HEARTBEAT_STALE_SECONDS = 180 };
 struct heartbeat {
     bool known = false;     /* there is a file, and the clock has not been set since it was touched */
     int64_t age = 0;        /* seconds; negative where the clock was set back */
-    bool clock_set = false; /* touched before this boot, by today's clock: the age says nothing */
+    bool clock_set = false; /* touched before this boot or ahead of now: the age says nothing */
 };
 
 struct reason {

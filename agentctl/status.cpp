@@ -126,8 +126,9 @@ static void print_status_json(const agent_health &health, const address_source *
     json_ptr agent(json_pack("{s:o, s:b, s:i}", "pid",
                              number_or_null(health.process.pid != 0, health.process.pid), "idle",
                              health.process.idle, "starts", health.starts));
-    json_ptr beat(json_pack("{s:o, s:b}", "age", number_or_null(health.beat.known, health.beat.age), "fresh",
-                            health.beat.known && health.beat.age <= HEARTBEAT_STALE_SECONDS));
+    json_ptr beat(json_pack("{s:o, s:o}", "age", number_or_null(health.beat.known, health.beat.age), "fresh",
+                            health.beat.known ? json_boolean(health.beat.age <= HEARTBEAT_STALE_SECONDS)
+                                              : json_null()));
     json_ptr versions(json_pack("{s:o, s:o, s:o, s:o}", "agent", text_or_null(health.agent_version),
                                 "software", text_or_null(da.dev_info.sw_version), "standby",
                                 text_or_null(da.dev_info.other_sw_version), "configuration",
