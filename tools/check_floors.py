@@ -15,10 +15,10 @@ import sys
 FLOORS = [
     ("device library", ["device/"]),
     ("ground", [
-        "agent/build-constants", "agent/da", "agent/debug-log", "agent/enter-state", "agent/environment", "agent/ev",
-        "agent/fatal", "agent/hooks", "agent/local-socket", "agent/lws-log", "agent/named-timer", "agent/owners",
-        "agent/reasons", "agent/run",
-        "agent/signal-mask", "agent/state-file", "agent/text", "agent/utils",
+        "agent/build-constants", "agent/da", "agent/debug-log", "agent/enter-state", "agent/environment",
+        "agent/ev", "agent/fatal", "agent/hooks", "agent/local-socket", "agent/lws-log", "agent/named-timer",
+        "agent/owners", "agent/reasons", "agent/run", "agent/signal-mask", "agent/state-file", "agent/text",
+        "agent/utils",
     ]),
     ("device", ["platform/"]),
     ("controller link", [
