@@ -37,13 +37,14 @@ static int open_plain(const char *path)
 static std::string last_lines(const std::string &text, size_t lines)
 {
     size_t at = text.size();
-    if (lines == 0)
-        return "";
-    if (at > 0 && text[at - 1] == '\n')
-        at--;
-    for (; lines > 0 && at > 0 && at != std::string::npos; lines--)
-        at = text.rfind('\n', at - 1);
-    return at == std::string::npos || at == 0 ? text : text.substr(at + 1);
+    if (lines > 0 && at > 0 && text[at - 1] == '\n')
+        at--; /* it ends the last line */
+    for (; lines > 0; lines--) {
+        at = at == 0 ? std::string::npos : text.rfind('\n', at - 1);
+        if (at == std::string::npos)
+            return text;
+    }
+    return at == text.size() ? "" : text.substr(at + 1);
 }
 
 std::string open_log(followed_log *log, size_t lines)
