@@ -81,8 +81,7 @@ static ssl_ptr secure(const server_steps &steps, SSL_CTX *context, int fd, const
                       const std::string &url)
 {
     begin(steps.certificate);
-    copy_text(da.orv_url, url.c_str()); /* decides whether it is checked */
-    certificate_rule rule = certificate_rule_for(url);
+    certificate_rule rule = certificate_rule_for(url); /* from now on the agent's check goes by this URL */
     certificate_look look;
     watch_certificate(context, host, &look);
     ssl_ptr ssl = tls_make_session(context, fd, host, port);

@@ -53,17 +53,23 @@ std::string open_log(followed_log *log, size_t lines)
     return last_lines(rest_of(log), lines);
 }
 
-std::string read_new(followed_log *log)
+/* Whether the path now leads to another file than the one that is being read. */
+static bool has_successor(const followed_log *log)
 {
-    std::string text = rest_of(log);
     struct stat here;
     struct stat there;
     if (stat(log->path.c_str(), &there) != 0)
-        return text; /* moved away: the successor comes with the next line */
-    if (log->fd >= 0 && fstat(log->fd, &here) == 0 && here.st_ino == there.st_ino &&
-        here.st_dev == there.st_dev)
+        return false; /* moved away: the successor comes with the next line */
+    return log->fd < 0 || fstat(log->fd, &here) != 0 || here.st_ino != there.st_ino ||
+           here.st_dev != there.st_dev;
+}
+
+std::string read_new(followed_log *log)
+{
+    bool over = has_successor(log); /* looked at first: what is over gets no further line */
+    std::string text = rest_of(log);
+    if (!over)
         return text;
-    text += rest_of(log); /* what was written between the look and the move */
     close_log(log);
     log->fd = open_plain(log->path.c_str());
     return text + rest_of(log);

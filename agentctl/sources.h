@@ -37,7 +37,7 @@ enum certificate_rule {
     CERTIFICATE_ALLOW_ALL,   /* not checked: the marker file says so */
 };
 
-/* Whether the agent checks the certificate of a server whose URL this is. */
+/* Whether the agent checks the certificate of a server whose URL this is; its check then goes by this URL. */
 certificate_rule certificate_rule_for(const std::string &url);
 
 /* "checked", "not checked (on premises)" and so on. */

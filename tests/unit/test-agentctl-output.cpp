@@ -1,5 +1,7 @@
 #include "agentctl/output.h"
 
+#include <filesystem>
+
 #include <gtest/gtest.h>
 
 #include "agentctl/local-socket.h"
@@ -79,5 +81,26 @@ TEST(agentctl_output, a_log_that_comes_later_is_read_from_its_start)
     EXPECT_EQ(read_new(&log), "");
     write_file(log.path, "first\n");
     EXPECT_EQ(read_new(&log), "first\n");
+    close_log(&log);
+}
+
+TEST(agentctl_output, a_rotation_loses_no_line)
+{
+    followed_log log;
+    log.path = "/tmp/rotated.log";
+    write_file(log.path, "seen\n");
+    EXPECT_EQ(open_log(&log, 10), "seen\n");
+    write_file(log.path, "seen\nlast of the old\n");
+    std::filesystem::rename(log.path, log.path + ".old");
+    EXPECT_EQ(read_new(&log), "last of the old\n");
+    EXPECT_EQ(read_new(&log), "");
+    write_file(log.path, "first of the new\n");
+    EXPECT_EQ(read_new(&log), "first of the new\n");
+    write_file(log.path, "first of the new\nmore\n");
+    std::filesystem::rename(log.path, log.path + ".old");
+    write_file(log.path, "another\n");
+    EXPECT_EQ(read_new(&log), "more\nanother\n");
+    write_file(log.path, "x\n");
+    EXPECT_EQ(read_new(&log), "x\n") << "it was emptied";
     close_log(&log);
 }
