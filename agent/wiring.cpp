@@ -15,6 +15,7 @@
 #include "operations/log-stream.h"
 #include "operations/wifid-listener.h"
 #include "platform/event-trap.h"
+#include "platform/front-end.h"
 #include "platform/station-disconnect.h"
 #include "protocol/dispatcher.h"
 #include "stats/stats-timers.h"
@@ -40,6 +41,7 @@ void install_hooks(void)
 
     /* local programs: their log lines and events */
     hooks.append_logs = append_logs;
+    hooks.write_to_fcgi = write_to_fcgi;
     hooks.log_server_init = log_server_init;
     hooks.platform_event_listener = platform_event_listener;
 

@@ -4,6 +4,7 @@
 
 #include <sys/stat.h>
 
+#include "platform/front-end.h"
 #include "protocol/command-output.h"
 #include "tests/unit/connection-test.h"
 #include "tests/unit/local-sender.h"
@@ -146,6 +147,31 @@ TEST_F(log_stream, the_controller_gets_history_and_lines_in_messages)
     EXPECT_EQ(txq, nullptr);
     send_ts_data_cb(nullptr);
     EXPECT_EQ(take_one_queued(), "{\"msgType\": 409, \"status\": \"Complete\", \"output\": \"\"}");
+}
+
+TEST_F(log_stream, the_front_end_gets_them_on_its_connection)
+{
+    install_hooks();
+    hooks.append_logs = nullptr;
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends), 0);
+    fd_guard front_end(ends[0]);
+    ASSERT_EQ(front_end_take(ends[1], [](int32_t, int32_t, void *) {}), 0);
+    append(1, 2);
+    start_orv_logging();
+    append(3, 3);
+    (void)stop_orv_logging();
+    for (const char *expected : {"{\"msgType\": 409, \"status\": \"Initiated\", \"output\": \"\"}",
+                                 "{\"msgType\": 409, \"status\": \"InProgress\", "
+                                 "\"output\": \"line 1\\nline 2\\n\"}",
+                                 "{\"msgType\": 409, \"status\": \"InProgress\", \"output\": \"line 3\\n\"}",
+                                 "{\"msgType\": 409, \"status\": \"Complete\", \"output\": \"\"}"}) {
+        char packet[256];
+        ssize_t length = recv(front_end.fd, packet, sizeof(packet), 0);
+        ASSERT_GT(length, 0) << expected;
+        EXPECT_EQ(std::string(packet, static_cast<size_t>(length)), expected);
+    }
+    front_end_drop();
 }
 
 /* ---- cuts ---- */
