@@ -129,8 +129,9 @@ class Supervisor:
         """Starts the agent as `start` was told to; used again after `stop` or a reboot."""
         self._leaving.clear()
         self._launch()
-        self._thread = threading.Thread(target=self._watch, name="lab-supervisor", daemon=True)
-        self._thread.start()
+        thread = threading.Thread(target=self._watch, name="lab-supervisor", daemon=True)
+        thread.start()
+        self._thread = thread  # only now: `stop`, from another thread, may join what has started
 
     def _launch(self) -> None:
         if self._speed:
