@@ -89,7 +89,6 @@ def test_it_changes_nothing_and_spends_no_token(lab, start, ctl, reply):
     assert "velmoraId" not in text and "abc" not in text
     assert "cookie:deviceId=lab-device-1\r\n" in text
     assert report.step("onboarding", SOURCE)["data"]["tokenLeftOut"]
-    lab.log.stop()
 
 
 def test_a_refusal_without_the_token_is_no_verdict(lab, idle):

@@ -1,8 +1,12 @@
 #include "agentctl/check-verdict.h"
 
+#include <arpa/inet.h>
+#include <sys/socket.h>
+
 #include <gtest/gtest.h>
 
 #include "agentctl/check-onboarding.h"
+#include "agentctl/check-run.h"
 #include "agentctl/check-way.h"
 
 static const int64_t NOW = 1700000000;
@@ -85,4 +89,47 @@ TEST(agentctl_check, the_date_of_an_answer)
     EXPECT_EQ(http_date("HTTP/1.1 302 Found\r\nDate: Tue, 14 Nov 2023 22:13:20 GMT\r\n\r\n"), NOW);
     EXPECT_EQ(http_date("HTTP/1.1 302 Found\r\nDate: now\r\n\r\n"), 0);
     EXPECT_EQ(http_date("HTTP/1.1 302 Found\r\n\r\n"), 0);
+}
+
+static void show_nothing(const check_step &) {}
+
+/* A source whose host is this machine. */
+static address_source local_source(int32_t port)
+{
+    return {"default cloud", "a test", SOURCE_IS_CANDIDATE, "127.0.0.1", "127.0.0.1", port, true};
+}
+
+TEST(agentctl_check, the_deadline_of_all_cuts_a_step_short)
+{
+    fd_guard listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    struct sockaddr_in address = {};
+    socklen_t size = sizeof(address);
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(bind(listener.fd, reinterpret_cast<struct sockaddr *>(&address), size), 0);
+    ASSERT_EQ(listen(listener.fd, 5), 0);
+    ASSERT_EQ(getsockname(listener.fd, reinterpret_cast<struct sockaddr *>(&address), &size), 0);
+
+    check_steps steps;
+    int64_t began = milliseconds_now();
+    run_way(local_source(ntohs(address.sin_port)), began + 1000, &steps, show_nothing);
+    int64_t took = milliseconds_now() - began;
+    ASSERT_EQ(steps.size(), 3U);
+    EXPECT_EQ(steps[1].name, "connection");
+    EXPECT_EQ(steps[1].outcome, STEP_OK);
+    EXPECT_EQ(steps[2].name, "certificate") << "a server that says nothing";
+    EXPECT_EQ(steps[2].outcome, STEP_FAILED);
+    EXPECT_EQ(steps[2].detail.substr(0, 17), "no answer within ");
+    EXPECT_GE(took, 1000);
+    EXPECT_LT(took, 3000);
+}
+
+TEST(agentctl_check, a_refused_connection_ends_the_way)
+{
+    check_steps steps;
+    run_way(local_source(9), milliseconds_now() + 20000, &steps, show_nothing);
+    ASSERT_EQ(steps.size(), 2U);
+    EXPECT_EQ(steps[1].outcome, STEP_FAILED);
+    EXPECT_EQ(steps[1].detail, "127.0.0.1 port 9: Error connecting 111 - Connection refused");
+    EXPECT_FALSE(judge_way(steps, "default cloud").open);
 }
