@@ -11,6 +11,7 @@
 #include "agentctl/agent-process.h"
 #include "agentctl/local-socket.h"
 #include "agentctl/output.h"
+#include "platform/front-end.h"
 
 enum { PACKET_SIZE = 65536 };
 

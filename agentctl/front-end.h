@@ -7,8 +7,6 @@
 
 #include "agent/owners.h"
 
-#define FRONT_END_SOCKET "/var/tmp/agent_cgiserver"
-
 /* Types of messages, those that this side knows. */
 enum {
     FRONT_END_RUN = 109,

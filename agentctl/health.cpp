@@ -11,6 +11,7 @@
 #include "agent/text.h"
 #include "agent/utils.h"
 #include "agentctl/next-attempt.h"
+#include "platform/connection-status.h"
 #include "platform/heartbeat.h"
 #include "protocol/session-id.h"
 
@@ -18,7 +19,6 @@
 static const char CONNECTED_TEXT[] = "Connected to ";
 /* And while it is, but waits for somebody to let the device in. */
 static const char APPROVAL_TEXT[] = "Device Approval Pending";
-#define CONNECTION_STATUS_FILE "/tmp/orv_state"
 
 static std::string value_of(const char *path, size_t limit)
 {
@@ -91,7 +91,7 @@ agent_health read_health(int64_t now)
     enum { STATUS_LENGTH = 383, NUMBER_LENGTH = 15, VERSION_LENGTH = 127 };
     agent_health health;
     health.process = find_agent_process();
-    health.connection = value_of(CONNECTION_STATUS_FILE, STATUS_LENGTH);
+    health.connection = value_of(ORV_STATE_FILE, STATUS_LENGTH);
     health.beat = read_heartbeat(now);
     health.verdict = judge_health(health.process, health.beat, health.connection);
     health.last_close = reason_of(LAST_CLOSE_REASON_FILE);

@@ -310,3 +310,10 @@ def test_the_socket_of_an_agent_that_is_gone(lab, ctl, events):
     events.close()
     done = ctl.run("trap", "x")
     assert done.returncode == 69 and f"nobody listens at {EVENTS}" in done.stderr
+
+
+def test_the_agent_passes_the_event_on_to_the_controller(online, ctl):
+    event = '{"msgType":699,"eId":"FromAPerson"}'
+    done = ctl.run("trap", event)
+    assert (done.returncode, done.stderr) == (0, "")
+    assert online.controller.wait_trap() == event.encode()
