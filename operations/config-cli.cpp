@@ -8,6 +8,8 @@
 #include "operations/config-restore.h"
 #include "platform/state-files.h"
 #include "protocol/error-codes.h"
+#include "protocol/message.h"
+#include "protocol/replies.h"
 
 #define MODULE "wifi.c"
 
@@ -36,7 +38,8 @@ int overwrite_cli_config(const json_t *config, char *message_buffer)
         return config_not_writable(message_buffer);
     }
     LOG(LOG_EVENT, "Rebooting device in 10 seconds to apply new config");
-    tell_config_status("CompleteWithReboot", "Rebooting device to apply new configuration");
+    write_config_status_to_orv(MSG_CONFIG_UPDATE_RSP, "CompleteWithReboot",
+                               "Rebooting device to apply new configuration");
     start_config_reboot(CONFIG_UNPROVEN);
     platform_mark_device_reconfigured();
     return NO_ERROR;
@@ -66,7 +69,7 @@ int apply_partial_cli_config(const json_t *config, char *message_buffer)
         LOG(LOG_FAILURE, "Not able to apply partial config");
         return BAD_REQUEST;
     }
-    tell_config_status("Complete", "Configuration applied successfully");
+    write_config_status_to_orv(MSG_CONFIG_UPDATE_RSP, "Complete", "Configuration applied successfully");
     LOG(LOG_EVENT, "Applied new partial config");
     expect_proof_of_reconfig();
     platform_mark_device_reconfigured();

@@ -13,6 +13,8 @@
 #include "operations/config-restore.h"
 #include "platform/state-files.h"
 #include "protocol/error-codes.h"
+#include "protocol/message.h"
+#include "protocol/replies.h"
 
 #define MODULE "wifi.c"
 
@@ -60,6 +62,6 @@ int apply_object_config(const json_t *config, const json_t *native_config, int o
 
     expect_proof_of_reconfig();
     LOG(LOG_EVENT, "%s: Object based configuration applied successfully", function);
-    tell_config_status("Complete", "Configuration applied successfully");
+    write_config_status_to_orv(MSG_CONFIG_UPDATE_RSP, "Complete", "Configuration applied successfully");
     return NO_ERROR;
 }
