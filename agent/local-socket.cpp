@@ -31,8 +31,12 @@ int local_address(const char *path, struct sockaddr_un *address)
 /* Without the group, or where it cannot be given, the socket is root's alone. */
 static void give_to_group(const char *path)
 {
-    const struct group *group = getgrnam(LOCAL_SOCKET_GROUP);
-    if (group && chown(path, 0, group->gr_gid) != 0)
+    enum { ENTRY_SIZE = 4096 };
+    char entry[ENTRY_SIZE]; /* not the library's own, which would stay in the heap for ever */
+    struct group group;
+    struct group *found = nullptr;
+    (void)getgrnam_r(LOCAL_SOCKET_GROUP, &group, entry, sizeof(entry), &found);
+    if (found && chown(path, 0, found->gr_gid) != 0)
         LOG(LOG_NOTABLE, "Failed to give %s to group %s:%s", path, LOCAL_SOCKET_GROUP, strerror(errno));
 }
 
