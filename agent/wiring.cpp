@@ -39,17 +39,15 @@ void install_hooks(void)
     hooks.wait_for_reconnect = wait_for_reconnect;
     hooks.cancel_periodic_stats = cancel_stats_timers;
 
-    /* local programs: their log lines and events */
-    hooks.append_logs = append_logs;
-    hooks.write_to_fcgi = write_to_fcgi;
-    hooks.log_server_init = log_server_init;
-    hooks.platform_event_listener = platform_event_listener;
-
     /* configuration: the safety net of an update */
     hooks.platform_cancel_cfg_restore = platform_cancel_cfg_restore;
     hooks.platform_restore_cfg = platform_restore_cfg;
 
     /* local programs */
+    hooks.append_logs = append_logs;
+    hooks.write_to_fcgi = write_to_fcgi;
+    hooks.log_server_init = log_server_init;
+    hooks.platform_event_listener = platform_event_listener;
     hooks.platform_fcgi_server_init = platform_fcgi_server_init;
     hooks.install_station_disconnect = install_station_disconnect;
     hooks.device_agent_msg_from_wifid_callback_init = device_agent_msg_from_wifid_callback_init;
