@@ -144,6 +144,8 @@ static int open_daemon(void)
 int platform_build_and_send_stats(int32_t t_index, int32_t periodic)
 {
     malloc_text text = build_request(t_index, periodic);
+    if (answered) /* its one good answer is there: nobody will read another */
+        close_daemon();
     if (!text || (g_scm_fd < 0 && open_daemon() != 0))
         return -1;
     if (write_a_msg_within(g_scm_fd, text.get(), strlen(text.get()), STATS_WRITE_LIMIT) != 0) {

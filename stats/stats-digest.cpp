@@ -34,9 +34,10 @@ static named_timer child_timer = {"STATS DIGEST", child_late, nullptr};
 
 bool digest_under_way(void) { return child > 0; }
 
-static digest digest_in_place(const char *answer, size_t length, int32_t session)
+/* The answer is terminated; a NUL that the daemon sent along ends it, one inside a text is data. */
+static digest digest_in_place(const char *answer, int32_t session)
 {
-    json_ptr object(json_loadb(answer, length, 0, nullptr));
+    json_ptr object(json_loads(answer, JSON_ALLOW_NUL, nullptr));
     if (!json_is_object(object.get()))
         return {digest::NO_JSON, 0, nullptr};
     int32_t periodic = clamp_to_int32(json_integer_value(json_object_get(object.get(), "periodic")));
@@ -62,13 +63,13 @@ static void write_whole(int fd, const void *data, size_t length)
 }
 
 /* It keeps no descriptor but its pipe: a connection that the agent closes meanwhile has to be closed. */
-[[noreturn]] static void work(int pipe, const char *answer, size_t length, int32_t session)
+[[noreturn]] static void work(int pipe, const char *answer, int32_t session)
 {
     signals_reset_for_child();
     for (int fd = 0; fd < EV_FD_LIMIT; fd++)
         if (fd != pipe)
             (void)close(fd);
-    digest result = digest_in_place(answer, length, session);
+    digest result = digest_in_place(answer, session);
     const char *text = result.text ? result.text.get() : "";
     digest_head head = {strlen(text), result.outcome, result.periodic};
     write_whole(pipe, &head, sizeof(head));
@@ -155,7 +156,7 @@ static void child_wrote(int32_t fd, int32_t, void *)
         finish(false);
 }
 
-static int start_child(const char *answer, size_t length)
+static int start_child(const char *answer)
 {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0)
@@ -166,7 +167,7 @@ static int start_child(const char *answer, size_t length)
         return -1;
     child = fork();
     if (child == 0)
-        work(writing.fd, answer, length, session);
+        work(writing.fd, answer, session);
     child_pipe = reading.release();
     if (child < 0) {
         forget_child(false);
@@ -179,12 +180,12 @@ static int start_child(const char *answer, size_t length)
 void digest_answer(malloc_text answer, size_t length, void (*done)(digest result))
 {
     if (length <= DIGEST_IN_PLACE) {
-        digest result = digest_in_place(answer.get(), length, get_session_id());
+        digest result = digest_in_place(answer.get(), get_session_id());
         answer.reset();
         return done(std::move(result));
     }
     tell = done;
-    if (start_child(answer.get(), length) != 0)
+    if (start_child(answer.get()) != 0)
         done({digest::LOST, 0, nullptr});
 }
 

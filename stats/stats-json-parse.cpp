@@ -196,6 +196,10 @@ static int build_request(const json_t *element, bool periodic, std::unique_ptr<s
     slot.request = std::move(request); /* what an earlier object of the same index put there goes */
     int status = parse_lists(element, slot.request.get(), error_text);
     if (status != NO_ERROR) {
+        if (periodic) { /* an earlier object of the same message may have begun it */
+            stop_stats_timer(&slot);
+            slot.active = 0;
+        }
         free_stats_request(index);
         return status;
     }

@@ -2,6 +2,7 @@
 
 #include "agent/da.h"
 #include "agent/debug-log.h"
+#include "agent/text.h"
 #include "protocol/error-codes.h"
 #include "stats/stats-daemon.h"
 #include "stats/stats-report.h"
@@ -58,7 +59,7 @@ int stop_stats_request(const json_t *obj, char *error_text)
         LOG(LOG_FAILURE, "%s", error_text);
         return BAD_REQUEST;
     }
-    int32_t index = static_cast<int32_t>(json_integer_value(json_object_get(obj, "index")));
+    int32_t index = clamp_to_int32(json_integer_value(json_object_get(obj, "index")));
     if (index < 0 || index >= STATS_SLOTS) {
         LOG(LOG_FAILURE, "Received stop stats request with invalid index %d", index);
         set_error_text(error_text, "Received stop stats request with invalid index");

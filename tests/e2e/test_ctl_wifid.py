@@ -7,9 +7,16 @@ import subprocess
 
 import pytest
 
+from lab.controller import Acceptance
 from lab.ctlserver import CtlServer
 from lab.device import PYTHON, REPOSITORY
 from lab.wifid import LISTENS_AT
+
+
+@pytest.fixture(autouse=True)
+def not_yet_shown_connected(lab):
+    """The controller accepts the device and asks for nothing: wifid is told of it only later."""
+    lab.controller.on_register = Acceptance(follow_ups=[])
 
 
 @pytest.fixture

@@ -12,6 +12,7 @@ from expect import MAC, fence, until
 from strangers import speak_as
 from vitals import FORGETFUL, lasting_descriptors, private_memory
 
+from lab.controller import Acceptance
 from lab.device import PYTHON
 from lab.wifid import AGENT_LISTENS_AT, LISTENS_AT
 
@@ -23,6 +24,12 @@ VALUES = [
     "\x01\x1f\t\n\"\\/", True, False, None, {"msgType": 999, "ctrlrPayload": {"": ""}},
     [0.1 * n for n in range(20)], {f"m{n}": n for n in range(99, 0, -1)}, "x" * 1900,
 ]
+
+
+@pytest.fixture(autouse=True)
+def not_yet_shown_connected(lab):
+    """The controller accepts the device and asks for nothing: wifid is told of it only later."""
+    lab.controller.on_register = Acceptance(follow_ups=[])
 
 
 def connected(lab):

@@ -51,7 +51,7 @@ inline void serve(void) { ev_main(); }
 /* The one queued report without its time stamp, which is checked to be now. */
 inline std::string report(void)
 {
-    json_ptr message(json_loads(take_one_queued().c_str(), 0, nullptr));
+    json_ptr message(json_loads(take_one_queued().c_str(), JSON_ALLOW_NUL, nullptr));
     json_int_t ts = json_integer_value(json_object_get(message.get(), "ts"));
     EXPECT_NEAR(static_cast<double>(ts), static_cast<double>(time(nullptr)), 2);
     json_object_set_new(message.get(), "ts", json_integer(0));

@@ -106,6 +106,16 @@ TEST_F(stats_daemon_test, statistics_of_any_kind_pass_unchanged)
     }
 }
 
+TEST_F(stats_daemon_test, a_nul_behind_the_answer_or_inside_a_text_loses_nothing)
+{
+    EXPECT_EQ(ask("{}"), 0);
+    EXPECT_NE(daemon_request(), "");
+    std::string text = "{\"periodic\": 0, \"index\": 0, \"stats_result\": \"a\\u0000b\"}";
+    daemon_answer(text + '\0');
+    serve();
+    EXPECT_EQ(report(), "{\"msgType\": 404, \"sessId\": 42, \"ts\": 0, \"stats\": \"a\\u0000b\"}");
+}
+
 TEST_F(stats_daemon_test, reports_need_no_registration)
 {
     da.registered = 0;

@@ -102,10 +102,8 @@ TEST_F(stats_digest_test, an_answer_behind_a_large_one_waits_for_its_own_connect
     EXPECT_NE(daemon_request(), "");
     send_in_pieces(answer_of(DIGEST_IN_PLACE + 1));
     EXPECT_TRUE(digest_under_way());
-    daemon_die(); /* the next request fails and closes the connection, the one after it opens another */
-    daemon_listen();
-    EXPECT_EQ(platform_build_and_send_stats(0, 0), -1);
     EXPECT_EQ(platform_build_and_send_stats(0, 0), 0);
+    EXPECT_EQ(daemon_connections(), 2) << "the first one has had its answer";
     EXPECT_NE(daemon_request(), "");
     daemon_answer("{\"periodic\": 0, \"index\": 0, \"stats_result\": 1}");
     serve_until([] { return txq_depth > 16 && !digest_under_way(); });

@@ -179,6 +179,15 @@ TEST_F(stats_parse_test, the_same_slot_twice_in_one_message_keeps_the_last_and_o
     EXPECT_EQ(g_stats_info[3].request->fld_size, 2);
 }
 
+TEST_F(stats_parse_test, a_bad_object_ends_what_an_earlier_one_began_in_its_slot)
+{
+    EXPECT_EQ(periodic("[{\"index\": 3, \"interval\": 60, \"fields\": [\"a\"]}, "
+                       "{\"index\": 3, \"interval\": 90, \"fields\": []}]"),
+              1);
+    EXPECT_EQ(ev_count_timers(), 0);
+    EXPECT_EQ(g_stats_info[3].active, 0);
+}
+
 TEST_F(stats_parse_test, a_bad_object_keeps_all_out_but_what_it_replaced_is_gone)
 {
     EXPECT_EQ(periodic("[{\"index\": 3, \"interval\": 60}]"), 0);

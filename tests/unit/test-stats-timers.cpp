@@ -114,6 +114,7 @@ TEST_F(stats_timers_test, stop_requests)
         {"{\"index\": 1}", 0, "Received periodic stats stop request t_index=1"},
         {"{\"index\": 7}", 0, "Received periodic stats stop request t_index=7"},
         {"{\"index\": 8}", 1, "Received stop stats request with invalid index 8"},
+        {"{\"index\": 4294967298}", 1, "Received stop stats request with invalid index 2147483647"},
         {"{\"index\": -1}", 1, "Received stop stats request with invalid index -1"},
     };
     for (const stop_row &row : rows) {
