@@ -19,9 +19,9 @@ RELEASED = "build/device-agent"
 """Memory is measured on the program that is shipped: a sanitizer keeps what is freed."""
 RESET_PORT = 8447
 ROUND = 50
-ROUNDS = 4
-TOLERATED = 24 * 1024
-"""Bytes: a reconnect that leaves 250 of them behind is over it."""
+LEAST_ROUNDS, MOST_ROUNDS = 4, 16
+PAGE = 4096
+"""Bytes: fifty losses that leave 100 each behind are over it."""
 
 
 class Losses:
@@ -111,6 +111,16 @@ def settled(lab):
     return True
 
 
+def at_rest(memory):
+    """Whether two rounds running took no more than a page.
+
+    How long the allocator takes to have what it keeps differs from run to run (some rounds; then
+    it stays for hundreds of losses); what leaks grows in every round.
+    """
+    growth = [after - before for before, after in zip(memory, memory[1:])]
+    return any(first <= PAGE and second <= PAGE for first, second in zip(growth, growth[1:]))
+
+
 def test_two_hundred_reconnects_leave_nothing(lab):
     agent = REPOSITORY / RELEASED
     if not agent.is_file():
@@ -120,13 +130,12 @@ def test_two_hundred_reconnects_leave_nothing(lab):
     server = lab.world.wait(reset_every_connection())
     losses = Losses(lab)
     memory, kinds = [], []
-    for _ in range(ROUNDS):
+    while len(memory) < LEAST_ROUNDS or not at_rest(memory) and len(memory) < MOST_ROUNDS:
         memory.append(statistics.median(go_through(lab, losses.round())))
         kinds.append(descriptors(lab))
     lab.world.call(server.close)
-    assert kinds == [kinds[0]] * ROUNDS
-    # The first round warms up: the allocator and the libraries take what they keep.
-    assert memory[-1] - memory[1] <= TOLERATED, memory
+    assert kinds == [kinds[0]] * len(kinds)
+    assert at_rest(memory), memory
     assert children(lab) == []
     assert lab.supervisor.starts == 1 and lab.supervisor.exit_statuses == []
-    assert len(lab.controller.connections) > ROUND * ROUNDS
+    assert len(lab.controller.connections) > ROUND * LEAST_ROUNDS
