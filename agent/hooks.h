@@ -14,6 +14,7 @@ struct agent_hooks {
     /* ground */
     void (*append_logs)(const char *line); /* a logged line, for the log stream */
     void (*state_entry[5])(void); /* entry actions of the connection states, see agent/enter-state.h */
+    void (*beat)(void);           /* touches the heartbeat, during a wait that may last */
 
     /* device */
     int (*platform_fcgi_server_init)(void);                  /* opens the front end's request socket */

@@ -10,7 +10,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "agent/hooks.h"
 #include "agent/signal-mask.h"
+
+enum { BEAT_PERIOD = 2 }; /* seconds */
 
 static const char *base_name(const char *path)
 {
@@ -64,8 +67,24 @@ struct waiting_dispositions {
     waiting_dispositions &operator=(const waiting_dispositions &) = delete;
 };
 
+/* Returns when the child has ended; until then the heartbeat beats. SIGCHLD is blocked, so that none is
+ * missed between the look and the wait; one of another child only makes it look again. */
+static void beat_until_ended(pid_t child)
+{
+    sigset_t ended;
+    sigemptyset(&ended);
+    sigaddset(&ended, SIGCHLD);
+    const struct timespec period = {BEAT_PERIOD, 0};
+    siginfo_t found = {};
+    while (waitid(P_PID, static_cast<id_t>(child), &found, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+           found.si_pid == 0) {
+        call_hook(hooks.beat);
+        (void)sigtimedwait(&ended, nullptr, &period);
+    }
+}
+
 /* Waits for one child with the agent's signals let in. */
-static int wait_for_child(pid_t child)
+static int wait_for_child(pid_t child, bool long_lasting)
 {
     sigset_t waiting = *signals_waiting_mask();
     sigaddset(&waiting, SIGCHLD);
@@ -73,6 +92,8 @@ static int wait_for_child(pid_t child)
     int status = -1;
     pid_t reaped;
     sigprocmask(SIG_SETMASK, &waiting, &blocked);
+    if (long_lasting)
+        beat_until_ended(child);
     do {
         reaped = waitpid(child, &status, 0);
     } while (reaped < 0 && errno == EINTR);
@@ -80,7 +101,7 @@ static int wait_for_child(pid_t child)
     return reaped == child ? status : -1;
 }
 
-static int run_and_wait(const char *path, char *const *vector)
+static int run_and_wait(const char *path, char *const *vector, bool long_lasting)
 {
     waiting_dispositions kept;
     pid_t child = fork();
@@ -92,7 +113,7 @@ static int run_and_wait(const char *path, char *const *vector)
         execv(path, vector);
         _exit(1);
     }
-    return wait_for_child(child);
+    return wait_for_child(child, long_lasting);
 }
 
 int safe_system_run(const char *path, ...)
@@ -112,11 +133,11 @@ int safe_system_run(const char *path, ...)
     if (refused)
         return -1;
     vector.push_back(nullptr);
-    return run_and_wait(path, vector.data());
+    return run_and_wait(path, vector.data(), false);
 }
 
 int run_shell(const char *command)
 {
     const char *vector[] = {"sh", "-c", command, nullptr};
-    return run_and_wait("/bin/sh", const_cast<char *const *>(vector));
+    return run_and_wait("/bin/sh", const_cast<char *const *>(vector), true);
 }

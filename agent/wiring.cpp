@@ -16,6 +16,7 @@
 #include "operations/wifid-listener.h"
 #include "platform/event-trap.h"
 #include "platform/front-end.h"
+#include "platform/heartbeat.h"
 #include "platform/station-disconnect.h"
 #include "protocol/dispatcher.h"
 #include "stats/stats-timers.h"
@@ -30,6 +31,7 @@ void install_hooks(void)
     hooks.state_entry[DA_STATE_DISCONNECTED] = enter_disconnected;
 
     /* the device */
+    hooks.beat = platform_update_heartbeat;
     hooks.address_changed = leave_for_new_address;
     hooks.start_cfg_restore_timer = start_cfg_restore_timer;
 

@@ -17,7 +17,7 @@ FLOORS = [
     ("ground", [
         "agent/build-constants", "agent/da", "agent/debug-log", "agent/enter-state", "agent/environment",
         "agent/ev", "agent/fatal", "agent/hooks", "agent/local-socket", "agent/lws-log", "agent/named-timer",
-        "agent/owners", "agent/reasons", "agent/run", "agent/signal-mask", "agent/state-file", "agent/text",
+        "agent/owners", "agent/piped-child", "agent/reasons", "agent/run", "agent/signal-mask", "agent/state-file", "agent/text",
         "agent/utils",
     ]),
     ("device", ["platform/"]),

@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "agent/hooks.h"
 #include "agent/signal-mask.h"
 #include "tests/unit/support.h"
 
@@ -125,7 +126,46 @@ TEST_F(run, a_shell_command_runs_as_with_system)
     EXPECT_EQ(file_text("/tmp/run/out"), "a  b\n");
 }
 
+/* ---- the heartbeat ---- */
+
+static int beats;
+
+/* The second beat lets the command end: without it the test would wait for ever. */
+static void beat(void)
+{
+    if (++beats == 2)
+        write_file("/tmp/run/beaten", "");
+}
+
+TEST_F(run, a_long_shell_command_keeps_the_heart_beating)
+{
+    beats = 0;
+    hooks.beat = beat;
+    int status = run_shell("for i in $(seq 100); do sleep 0.1; [ -e /tmp/run/beaten ] && exit 5; done");
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 5) << status;
+    EXPECT_EQ(beats, 2);
+}
+
+TEST_F(run, other_commands_hang_visibly)
+{
+    beats = 0;
+    hooks.beat = beat;
+    EXPECT_EQ(safe_system_run("/bin/true", END), 0);
+    EXPECT_EQ(beats, 0);
+}
+
 /* ---- signals ---- */
+
+TEST_F(run, a_signal_during_a_long_shell_command_is_served_at_once)
+{
+    signals_block();
+    struct sigaction counting = {};
+    counting.sa_handler = count_signal;
+    sigaction(SIGUSR1, &counting, nullptr);
+    int status = run_shell("kill -USR1 $PPID; sleep 0.1; exit 7");
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 7) << status;
+    EXPECT_EQ(signals_seen, 1);
+}
 
 TEST_F(run, both_keyboard_signals_end_with_what_the_interrupt_had)
 {
