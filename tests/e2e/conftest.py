@@ -5,6 +5,7 @@ the agent breaks the wire protocol or a sanitizer reports something, whatever el
 """
 
 import os
+import signal
 import sys
 from pathlib import Path
 from typing import Callable, Iterator
@@ -16,6 +17,9 @@ sys.path.insert(0, str(REPOSITORY))
 
 from lab.lab import Lab  # noqa: E402 - needs the path above
 from leftovers import Leftovers  # noqa: E402
+
+# Who starts a run in the background of a script hands down an ignored SIGINT, which programs keep ignoring.
+signal.signal(signal.SIGINT, signal.default_int_handler)
 
 DEFAULT_AGENT = "build/asan/device-agent"
 FAST = "+0 x20"
