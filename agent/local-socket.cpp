@@ -1,7 +1,9 @@
 #include "agent/local-socket.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
+#include <string>
 
 #include <grp.h>
 #include <sys/socket.h>
@@ -40,12 +42,23 @@ static void give_to_group(const char *path)
         LOG(LOG_NOTABLE, "Failed to give %s to group %s:%s", path, LOCAL_SOCKET_GROUP, strerror(errno));
 }
 
+/* A stale socket or file goes. A folder that somebody has made here stands aside, with what is in it, or no
+ * program of the device would ever reach the agent. */
+static void make_way(const char *path)
+{
+    if (unlink(path) == 0 || errno != EISDIR || rmdir(path) == 0)
+        return;
+    std::string aside = std::string(path) + ".aside";
+    if (rename(path, aside.c_str()) == 0)
+        LOG(LOG_FAILURE, "A folder at %s has been moved to %s", path, aside.c_str());
+}
+
 int bind_local_socket(int fd, const char *path)
 {
     struct sockaddr_un address;
     if (local_address(path, &address) != 0)
         return -1;
-    (void)unlink(path); /* what cannot be removed makes the bind fail */
+    make_way(path); /* what cannot be removed makes the bind fail */
     mode_t before = umask(STRANGERS);
     int result = bind(fd, reinterpret_cast<const struct sockaddr *>(&address), sizeof(address));
     int reason = errno;

@@ -12,7 +12,8 @@ struct sockaddr_un;
 int local_address(const char *path, struct sockaddr_un *address);
 
 /*
- * Binds a Unix-domain socket to a path, from which a stale socket or file is removed. At no moment may a
+ * Binds a Unix-domain socket to a path, from which a stale socket or file is removed (a folder with
+ * something in it is renamed: ".aside"). At no moment may a
  * stranger use it. Returns 0, or -1 with errno; the descriptor stays the caller's.
  */
 int bind_local_socket(int fd, const char *path);

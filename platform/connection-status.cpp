@@ -8,6 +8,7 @@
 #include "agent/debug-log.h"
 #include "agent/named-timer.h"
 #include "agent/state-file.h"
+#include "agent/text.h"
 #include "platform/wifid.h"
 
 #define MODULE "wifi.c"
@@ -43,13 +44,21 @@ static std::string countdown_text(const char *state)
            (retry_time < 120 ? " minute" : " minutes");
 }
 
+/* Cut, but not within a character. */
+static std::string cut_text(const std::string &text, size_t limit)
+{
+    return text.substr(0, utf8_border(text, limit));
+}
+
+static bool is_control(char byte) { return static_cast<unsigned char>(byte) < ' ' || byte == '\x7f'; }
+
 static std::string status_text(int32_t code, const char *detail)
 {
     std::string text = orv_state_str[code];
     switch (code) {
     case ORV_RESOLVING_URL:
         if (detail)
-            text = std::string(detail).substr(0, RESOLVING_DETAIL_LENGTH);
+            text = cut_text(detail, RESOLVING_DETAIL_LENGTH);
         break;
     case ORV_ID_NOT_CONFIGURED:
     case ORV_ACCESS_DENIED:
@@ -65,9 +74,11 @@ static std::string status_text(int32_t code, const char *detail)
     case ORV_CONNECTED: text += std::string(" to ") + g_orv_router; break;
     default: break;
     }
-    /* It stays one line, whatever the controller sends. */
-    std::replace(text.begin(), text.end(), '\n', ' ');
-    return text.substr(0, STATUS_LENGTH);
+    text = cut_text(text, STATUS_LENGTH);
+    /* It stays one line of text, whatever the controller sends: no line feed, and nothing that steers a
+     * terminal. */
+    std::replace_if(text.begin(), text.end(), is_control, ' ');
+    return text;
 }
 
 /* ---- what goes with it ---- */

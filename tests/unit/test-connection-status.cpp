@@ -108,9 +108,21 @@ TEST_F(connection_status, long_texts_are_cut)
         EXPECT_EQ(shown(code, detail.c_str()), std::string(383, 'x')) << code;
 }
 
+TEST_F(connection_status, no_character_is_cut_in_two)
+{
+    std::string detail = "x";
+    for (int i = 0; i < 300; i++)
+        detail += "\u00e9";
+    EXPECT_EQ(shown(ORV_RESOLVING_URL, detail.c_str()), detail.substr(0, 127));
+    EXPECT_EQ(shown(ORV_TEXT_FROM_CONTROLLER, detail.c_str()), detail.substr(0, 383));
+    EXPECT_EQ(shown(ORV_RESOLVING_URL, detail.c_str() + 1), detail.substr(1, 126));
+    EXPECT_EQ(shown(ORV_TEXT_FROM_CONTROLLER, detail.c_str() + 1), detail.substr(1, 382));
+}
+
 TEST_F(connection_status, the_file_stays_one_line)
 {
     EXPECT_EQ(shown(ORV_TEXT_FROM_CONTROLLER, "first\nsecond\n"), "first second ");
+    EXPECT_EQ(shown(ORV_TEXT_FROM_CONTROLLER, "a\x1b[2Jb\rc\td\x7f"), "a [2Jb c d ");
 }
 
 TEST_F(connection_status, percent_signs_are_not_interpreted)

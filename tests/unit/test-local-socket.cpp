@@ -18,11 +18,13 @@ protected:
     {
         groups = file_text("/etc/group");
         std::filesystem::remove_all(PLACE);
+        std::filesystem::remove_all(PLACE ".aside");
     }
     void TearDown() override
     {
         write_file("/etc/group", groups);
         std::filesystem::remove_all(PLACE);
+        std::filesystem::remove_all(PLACE ".aside");
         umask(022);
     }
 
@@ -92,9 +94,24 @@ TEST_F(local_socket, a_link_in_its_place_is_not_followed)
     EXPECT_TRUE(S_ISSOCK(status_of(PLACE).st_mode));
 }
 
-TEST_F(local_socket, fails_where_it_cannot_be)
+TEST_F(local_socket, a_folder_in_its_place_stands_aside)
 {
     std::filesystem::create_directories(PLACE);
+    fd_guard first(fresh_socket());
+    EXPECT_EQ(bind_local_socket(first.fd, PLACE), 0) << "an empty one just goes";
+    EXPECT_FALSE(path_exists(PLACE ".aside"));
+    std::filesystem::remove(PLACE);
+    write_file(PLACE "/file", "precious");
+    fd_guard second(fresh_socket());
+    EXPECT_EQ(bind_local_socket(second.fd, PLACE), 0);
+    EXPECT_EQ(file_text(PLACE ".aside/file"), "precious");
+    EXPECT_TRUE(was_logged("A folder at " PLACE " has been moved to " PLACE ".aside"));
+}
+
+TEST_F(local_socket, fails_where_it_cannot_be)
+{
+    write_file(PLACE "/file", "");
+    write_file(PLACE ".aside/file", "in use, too");
     fd_guard end(fresh_socket());
     EXPECT_EQ(bind_local_socket(end.fd, PLACE), -1);
     EXPECT_EQ(errno, EADDRINUSE);
