@@ -13,7 +13,10 @@
 #include "agent/hooks.h"
 #include "agent/signal-mask.h"
 
-enum { BEAT_PERIOD = 2 }; /* seconds */
+enum {
+    BEAT_PERIOD = 2,         /* seconds */
+    BEATS_OF_A_COMMAND = 150 /* five minutes: longer than any of them takes */
+};
 
 static const char *base_name(const char *path)
 {
@@ -67,16 +70,18 @@ struct waiting_dispositions {
     waiting_dispositions &operator=(const waiting_dispositions &) = delete;
 };
 
-/* Returns when the child has ended; until then the heartbeat beats. SIGCHLD is blocked, so that none is
- * missed between the look and the wait; one of another child only makes it look again. */
-static void beat_until_ended(pid_t child)
+/*
+ * Returns when the child has ended, or after so many beats of the heart. SIGCHLD is blocked, so that none is
+ * missed between the look and the wait; one of another child only makes it look again sooner.
+ */
+static void beat_until_ended(pid_t child, int64_t beats)
 {
     sigset_t ended;
     sigemptyset(&ended);
     sigaddset(&ended, SIGCHLD);
     const struct timespec period = {BEAT_PERIOD, 0};
     siginfo_t found = {};
-    while (waitid(P_PID, static_cast<id_t>(child), &found, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+    while (beats-- > 0 && waitid(P_PID, static_cast<id_t>(child), &found, WEXITED | WNOHANG | WNOWAIT) == 0 &&
            found.si_pid == 0) {
         call_hook(hooks.beat);
         (void)sigtimedwait(&ended, nullptr, &period);
@@ -84,7 +89,7 @@ static void beat_until_ended(pid_t child)
 }
 
 /* Waits for one child with the agent's signals let in. */
-static int wait_for_child(pid_t child, bool long_lasting)
+static int wait_for_child(pid_t child, int64_t beats)
 {
     sigset_t waiting = *signals_waiting_mask();
     sigaddset(&waiting, SIGCHLD);
@@ -92,8 +97,7 @@ static int wait_for_child(pid_t child, bool long_lasting)
     int status = -1;
     pid_t reaped;
     sigprocmask(SIG_SETMASK, &waiting, &blocked);
-    if (long_lasting)
-        beat_until_ended(child);
+    beat_until_ended(child, beats);
     do {
         reaped = waitpid(child, &status, 0);
     } while (reaped < 0 && errno == EINTR);
@@ -101,7 +105,7 @@ static int wait_for_child(pid_t child, bool long_lasting)
     return reaped == child ? status : -1;
 }
 
-static int run_and_wait(const char *path, char *const *vector, bool long_lasting)
+static int run_and_wait(const char *path, char *const *vector, int64_t beats)
 {
     waiting_dispositions kept;
     pid_t child = fork();
@@ -113,7 +117,7 @@ static int run_and_wait(const char *path, char *const *vector, bool long_lasting
         execv(path, vector);
         _exit(1);
     }
-    return wait_for_child(child, long_lasting);
+    return wait_for_child(child, beats);
 }
 
 int safe_system_run(const char *path, ...)
@@ -133,11 +137,11 @@ int safe_system_run(const char *path, ...)
     if (refused)
         return -1;
     vector.push_back(nullptr);
-    return run_and_wait(path, vector.data(), false);
+    return run_and_wait(path, vector.data(), BEATS_OF_A_COMMAND);
 }
 
 int run_shell(const char *command)
 {
     const char *vector[] = {"sh", "-c", command, nullptr};
-    return run_and_wait("/bin/sh", const_cast<char *const *>(vector), true);
+    return run_and_wait("/bin/sh", const_cast<char *const *>(vector), INT64_MAX);
 }

@@ -8,13 +8,14 @@
 /*
  * Runs the program at `path` without a shell; the arguments are a null-terminated list, argument 0 is the
  * base name. Returns the raw wait status, or -1. A shell (sh, ash, bash, dash) may run a script, never a
- * command string: an argument that begins with "-c" or "+c" is refused with -1 and nothing is started. For
- * short commands: one that hangs is ended by the outside watchdog, which sees the heartbeat grow old.
+ * command string: an argument that begins with "-c" or "+c" is refused with -1 and nothing is started. The
+ * heartbeat goes on for five minutes; a command that hangs longer is the outside watchdog's, which then sees
+ * it grow old.
  */
 int safe_system_run(const char *path, ...) __attribute__((sentinel));
 
 /*
- * Runs a shell command as system(3) does, for as long as it takes: the heartbeat goes on meanwhile. Returns
+ * Runs a shell command as system(3) does, and the heartbeat goes on for as long as that takes. Returns
  * the raw wait status, or -1 when no child could be made.
  */
 int run_shell(const char *command);

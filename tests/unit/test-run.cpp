@@ -146,12 +146,32 @@ TEST_F(run, a_long_shell_command_keeps_the_heart_beating)
     EXPECT_EQ(beats, 2);
 }
 
-TEST_F(run, other_commands_hang_visibly)
+static bool waits_end_at_once;
+
+extern "C" int __real_sigtimedwait(const sigset_t *set, siginfo_t *info, const struct timespec *timeout);
+extern "C" int __wrap_sigtimedwait(const sigset_t *set, siginfo_t *info, const struct timespec *timeout);
+
+int __wrap_sigtimedwait(const sigset_t *set, siginfo_t *info, const struct timespec *timeout)
+{
+    return waits_end_at_once ? -1 : __real_sigtimedwait(set, info, timeout);
+}
+
+/* The command ends soon after the 150th beat; one more would come before. */
+static void beat_five_minutes(void)
+{
+    if (++beats == 150)
+        write_file("/tmp/run/beaten", "");
+}
+
+TEST_F(run, another_command_may_take_five_minutes_before_the_heart_stops)
 {
     beats = 0;
-    hooks.beat = beat;
-    EXPECT_EQ(safe_system_run("/bin/true", END), 0);
-    EXPECT_EQ(beats, 0);
+    hooks.beat = beat_five_minutes;
+    waits_end_at_once = true;
+    script("/tmp/run/hangs", "until [ -e /tmp/run/beaten ]; do sleep 0.05; done; sleep 0.2");
+    EXPECT_EQ(safe_system_run("/tmp/run/hangs", END), 0);
+    waits_end_at_once = false;
+    EXPECT_EQ(beats, 150);
 }
 
 /* ---- signals ---- */
