@@ -89,6 +89,11 @@ def fence(lab: Lab) -> dict[str, Any]:
     return lab.controller.wait_message(423)
 
 
+def block_place(lab: Lab, path: str) -> None:
+    """No socket can be bound there: a folder that can be neither removed nor moved aside."""
+    lab.device.run(["mkdir", "-p", path + "/full", path + ".aside/full"], check=True)
+
+
 def until(lab: Lab, condition: Callable[[], bool], what: str, timeout: float = 15.0) -> None:
     """Waits for what shows in the device's files only; `what` names it in the failure."""
     deadline = time.monotonic() + timeout

@@ -6,7 +6,7 @@ import textwrap
 import time
 
 import pytest
-from expect import fence, until
+from expect import block_place, fence, until
 from strangers import speak_as
 from vitals import FORGETFUL, lasting_descriptors, private_memory
 
@@ -152,7 +152,7 @@ def test_strangers_are_refused(online):
 
 
 def test_without_its_socket_the_agent_runs_on(lab, start):
-    lab.device.run(["mkdir", AGENT_LISTENS_AT], check=True)
+    block_place(lab, AGENT_LISTENS_AT)
     start()
     lab.log.wait("Bind failed with error (98:Address already in use)")
     lab.wait_registered()

@@ -4,7 +4,7 @@ import signal
 import stat
 
 import pytest
-from expect import fence
+from expect import block_place, fence
 from vitals import FORGETFUL, lasting_descriptors, private_memory
 
 from lab.controller import Silence
@@ -150,7 +150,7 @@ def test_a_restarted_agent_listens_again(online):
     ("event", "bind() of unix domain socket  failed"),
     ("log", "Failed to bind logserver socket Address already in use")])
 def test_the_agent_runs_without_a_socket_that_it_cannot_have(lab, start, name, complaint):
-    lab.device.run(["mkdir", "-p", SOCKETS[name] + "/full"], check=True)
+    block_place(lab, SOCKETS[name])
     start()
     lab.log.wait(complaint)
     lab.wait_registered()

@@ -8,7 +8,7 @@ import textwrap
 import time
 
 import pytest
-from expect import MAC, fence, until
+from expect import MAC, block_place, fence, until
 from strangers import speak_as
 from vitals import FORGETFUL, lasting_descriptors, private_memory
 
@@ -229,7 +229,7 @@ def test_the_socket_is_made_anew_after_a_kill(online):
 
 
 def test_a_socket_that_cannot_be_made_ends_the_agent(lab, start):
-    lab.device.run(["mkdir", AGENT_LISTENS_AT], check=True)
+    block_place(lab, AGENT_LISTENS_AT)
     start(restart=False)
     lab.log.wait("Bind failed with error (98:Address already in use)")
     ended = lab.journal.wait("agent-ended", what="the agent to end")

@@ -28,6 +28,19 @@ void write_file(const std::string &path, const std::string &text)
     std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
 }
 
+void block_place(const std::string &path)
+{
+    free_place(path);
+    write_file(path + "/file", "");
+    write_file(path + ".aside/file", "");
+}
+
+void free_place(const std::string &path)
+{
+    std::filesystem::remove_all(path);
+    std::filesystem::remove_all(path + ".aside");
+}
+
 bool path_exists(const std::string &path)
 {
     std::error_code error;

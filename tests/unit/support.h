@@ -13,6 +13,11 @@ std::string file_text(const std::string &path);
 /* Writes a file whole, making its folders. */
 void write_file(const std::string &path, const std::string &text);
 
+/* Makes it impossible to bind a socket there: a folder that can be neither removed nor moved aside; and ends
+ * that. */
+void block_place(const std::string &path);
+void free_place(const std::string &path);
+
 /* True when the path exists. */
 bool path_exists(const std::string &path);
 

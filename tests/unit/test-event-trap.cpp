@@ -209,8 +209,7 @@ TEST_F(event_trap, nothing_to_read_is_no_event)
 TEST_F(event_trap, a_place_that_is_taken_is_a_failure_that_leaves_nothing)
 {
     event_listener_reset();
-    std::filesystem::remove(platform_get_event_sock_path());
-    std::filesystem::create_directories(platform_get_event_sock_path());
+    block_place(platform_get_event_sock_path());
     auto open_descriptors = [] {
         auto entries = std::filesystem::directory_iterator("/proc/self/fd");
         return std::distance(entries, std::filesystem::directory_iterator());
@@ -220,7 +219,7 @@ TEST_F(event_trap, a_place_that_is_taken_is_a_failure_that_leaves_nothing)
     EXPECT_TRUE(was_logged("bind() of unix domain socket  failed"));
     EXPECT_EQ(open_descriptors(), before);
     EXPECT_EQ(ev_count_fds(), 0);
-    std::filesystem::remove(platform_get_event_sock_path());
+    free_place(platform_get_event_sock_path());
 }
 
 TEST_F(event_trap, without_a_descriptor_there_is_no_socket)

@@ -65,7 +65,7 @@ protected:
     {
         front_end_drop();
         close_watched();
-        std::filesystem::remove_all(FRONT_END_SOCKET);
+        free_place(FRONT_END_SOCKET);
         connection_test::TearDown();
     }
 
@@ -108,8 +108,7 @@ TEST_F(front_end, an_old_socket_makes_room)
 TEST_F(front_end, a_path_that_cannot_be_bound_is_not_fatal)
 {
     close_watched();
-    std::filesystem::remove(FRONT_END_SOCKET);
-    std::filesystem::create_directory(FRONT_END_SOCKET);
+    block_place(FRONT_END_SOCKET);
     EXPECT_EQ(platform_fcgi_server_init(), -1);
     EXPECT_TRUE(was_logged("Bind failed with error (98:Address already in use)\n") ||
                 was_logged("Bind failed with error (98:Address already in use)"));

@@ -17,14 +17,12 @@ protected:
     void SetUp() override
     {
         groups = file_text("/etc/group");
-        std::filesystem::remove_all(PLACE);
-        std::filesystem::remove_all(PLACE ".aside");
+        free_place(PLACE);
     }
     void TearDown() override
     {
         write_file("/etc/group", groups);
-        std::filesystem::remove_all(PLACE);
-        std::filesystem::remove_all(PLACE ".aside");
+        free_place(PLACE);
         umask(022);
     }
 
@@ -110,8 +108,7 @@ TEST_F(local_socket, a_folder_in_its_place_stands_aside)
 
 TEST_F(local_socket, fails_where_it_cannot_be)
 {
-    write_file(PLACE "/file", "");
-    write_file(PLACE ".aside/file", "in use, too");
+    block_place(PLACE);
     fd_guard end(fresh_socket());
     EXPECT_EQ(bind_local_socket(end.fd, PLACE), -1);
     EXPECT_EQ(errno, EADDRINUSE);

@@ -313,12 +313,11 @@ TEST_F(log_server, a_failing_read_is_logged)
 TEST_F(log_server, a_place_that_is_taken_is_a_failure_that_leaves_nothing)
 {
     log_stream_reset();
-    std::filesystem::remove(LOG_SERVER_SOCKET);
-    std::filesystem::create_directories(LOG_SERVER_SOCKET);
+    block_place(LOG_SERVER_SOCKET);
     EXPECT_EQ(log_server_init(), -1);
     EXPECT_TRUE(was_logged("Failed to bind logserver socket Address already in use"));
     EXPECT_EQ(ev_count_fds(), 0);
-    std::filesystem::remove(LOG_SERVER_SOCKET);
+    free_place(LOG_SERVER_SOCKET);
 }
 
 TEST_F(log_server, a_descriptor_that_the_loop_cannot_hold_is_no_socket)

@@ -26,7 +26,7 @@ protected:
     {
         da.state = DA_STATE_IDLE;
         close_watched();
-        (void)std::filesystem::remove_all(FROM_WIFID_SOCKET);
+        free_place(FROM_WIFID_SOCKET);
         connection_test::TearDown();
     }
 
@@ -59,8 +59,7 @@ using wifid_listener_death_test = wifid_listener;
 
 TEST_F(wifid_listener_death_test, a_path_that_cannot_be_bound_ends_the_process)
 {
-    std::filesystem::remove(FROM_WIFID_SOCKET);
-    std::filesystem::create_directory(FROM_WIFID_SOCKET);
+    block_place(FROM_WIFID_SOCKET);
     EXPECT_DEATH(device_agent_msg_from_wifid_callback_init(), "device_agent_msg_from_wifid_callback_init");
     EXPECT_TRUE(was_logged("Bind failed with error (98:Address already in use)"));
 }
