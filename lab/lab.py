@@ -20,6 +20,7 @@ from lab.configd import ConfigDaemon
 from lab.controller import Controller
 from lab.device import REPOSITORY, Device, require_root
 from lab.dhcp import Dhcp
+from lab.filestore import FileStore
 from lab.journal import Event, Journal
 from lab.lldpd import Lldpd
 from lab.logfile import LogFile
@@ -92,6 +93,7 @@ class Lab:
         self.switch = Switch(self.world, self.journal)
         self.scmd = ConfigDaemon(self.device)
         self.lldpd = Lldpd(self.world, self.switch)
+        self.files = FileStore(self.world, self.names, self.authority, self.device.folder / "files")
         self.reports = Reports(self.device.folder / "reports.sqlite")
         self._undo.append(self.reports.close)
         self.journal.subscribe(self.reports.listen)
@@ -109,6 +111,7 @@ class Lab:
         self._step("  switch", self.switch.start, self.switch.stop)
         self._step("  configuration daemon", self.scmd.start, self.scmd.stop)
         self._undo.append(self.lldpd.stop)
+        self._undo.append(self.files.stop)
         self._step("  Wi-Fi daemon", self.wifid.start, self.wifid.stop)
         self._undo.append(self.dhcp.stop)
         self._step("", self.log.start, self.log.stop)
