@@ -38,6 +38,7 @@ FLOORS = [
     ("dispatcher", ["protocol/dispatcher"]),
     ("start", ["agent/main", "agent/signals", "agent/start", "agent/wiring"]),
     ("tool for people", ["agentctl/"]),
+    ("helper programs", ["transfer/"]),
 ]
 
 # What the agent may know of the device library: the headers that a maker's own library stands behind, and the
@@ -45,7 +46,8 @@ FLOORS = [
 DEVICE_LIBRARY = ["device/frames", "device/scm", "device/scmd", "device/scmintf", "device/tavosmac2name",
                   "device/tavosutils"]
 
-FOLDERS = ["agent", "agentctl", "device", "discovery", "operations", "platform", "protocol", "stats"]
+FOLDERS = ["agent", "agentctl", "device", "discovery", "operations", "platform", "protocol", "stats",
+           "transfer"]
 INCLUDE = re.compile(r'^\s*#\s*include\s*"([^"]+)"')
 
 
