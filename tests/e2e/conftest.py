@@ -17,6 +17,8 @@ sys.path.insert(0, str(REPOSITORY))
 
 from lab.lab import Lab  # noqa: E402 - needs the path above
 from leftovers import Leftovers  # noqa: E402
+from rude_server import RudeServer  # noqa: E402
+from transfers import EventSocket, Helpers  # noqa: E402
 
 # Who starts a run in the background of a script hands down an ignored SIGINT, which programs keep ignoring.
 signal.signal(signal.SIGINT, signal.default_int_handler)
@@ -92,3 +94,33 @@ def online(start: Callable[..., Lab]) -> Lab:
     lab = start()
     lab.wait_registered()
     return lab
+
+
+# -- the helper programs, which need a device and a server but no agent ----------------------
+
+
+@pytest.fixture(scope="session")
+def transfer_lab() -> Iterator[Lab]:
+    """A lab without an agent, for many tests: `helpers` cleans up its device's /tmp."""
+    with Lab() as fresh:
+        fresh.files.start()
+        yield fresh
+        problems = fresh.problems()
+        assert not problems, "\n".join(problems)
+
+
+@pytest.fixture(scope="session")
+def rude(transfer_lab: Lab) -> RudeServer:
+    """A server that does what a test says."""
+    server = RudeServer(transfer_lab)
+    server.start()
+    return server
+
+
+@pytest.fixture
+def helpers(transfer_lab: Lab, binary: Path) -> Iterator[Helpers]:
+    """fw_dl and s3upload in a device whose /tmp holds nothing but the event socket."""
+    made = Helpers(transfer_lab, binary, EventSocket(transfer_lab))
+    made.clean()
+    yield made
+    made.clean()
