@@ -152,7 +152,8 @@ static bool may_try_again(CURLcode result, download_try *each, const char *error
         return false;
     }
     if (each->reason.empty())
-        each->reason = result == CURLE_OK ? "the server ended the file early" : session_reason(result, error);
+        each->reason = result == CURLE_OK ? "the server ended the file early"
+                                          : session_reason(result, error, answer_is_redirect(each->found));
     int final_status = session_final_status(result);
     if (final_status == 0)
         return true;

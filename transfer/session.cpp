@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <strings.h>
 
@@ -34,8 +35,13 @@ void session_exit(void) { curl_global_cleanup(); }
  */
 static int tolerate_not_yet_valid(int ok, X509_STORE_CTX *store)
 {
-    if (ok || X509_STORE_CTX_get_error(store) != X509_V_ERR_CERT_NOT_YET_VALID)
-        return ok;
+    if (ok)
+        return 1;
+    if (X509_STORE_CTX_get_error(store) != X509_V_ERR_CERT_NOT_YET_VALID) {
+        /* What a bad signature leaves in the queue would hide from libcurl that it is the certificate. */
+        ERR_clear_error();
+        return 0;
+    }
     say("the server's certificate is not valid yet; the clock of this device may not be set");
     X509_STORE_CTX_set_error(store, X509_V_OK);
     return 1;
@@ -150,20 +156,19 @@ int session_header(curl_list_ptr *list, const std::string &line)
 
 /* ---- failures ---- */
 
-/* Failures that another try would only repeat. A protocol that is not supported can only be that of a
- * redirect: the URL itself has been looked at. */
+/* Failures that another try would only repeat. */
 static const struct {
     CURLcode result;
     int exit_status;
     const char *words; /* null: libcurl's */
 } final_failures[] = {
-    {CURLE_UNSUPPORTED_PROTOCOL, TRANSFER_REFUSED, "the server redirects to something other than https"},
+    {CURLE_UNSUPPORTED_PROTOCOL, TRANSFER_REFUSED, nullptr},
     {CURLE_TOO_MANY_REDIRECTS, TRANSFER_REFUSED, "the server redirects again and again"},
     {CURLE_FILESIZE_EXCEEDED, TRANSFER_REFUSED, nullptr},
     {CURLE_URL_MALFORMAT, TRANSFER_REFUSED, nullptr},
     {CURLE_PEER_FAILED_VERIFICATION, TRANSFER_UNTRUSTED, nullptr},
     {CURLE_SSL_CACERT_BADFILE, TRANSFER_UNTRUSTED, nullptr},
-    {CURLE_OUT_OF_MEMORY, TRANSFER_LOCAL, nullptr},
+    {CURLE_OUT_OF_MEMORY, TRANSFER_LOCAL, "out of memory, or the server sends a line without end"},
     {CURLE_FAILED_INIT, TRANSFER_LOCAL, nullptr},
 };
 
@@ -175,8 +180,10 @@ int session_final_status(CURLcode result)
     return 0;
 }
 
-std::string session_reason(CURLcode result, const char *error)
+std::string session_reason(CURLcode result, const char *error, bool redirected)
 {
+    if (result == CURLE_UNSUPPORTED_PROTOCOL && redirected)
+        return "the server redirects to something other than https";
     for (const auto &failure : final_failures)
         if (failure.result == result && failure.words)
             return failure.words;

@@ -136,7 +136,7 @@ static bool may_try_again(CURLcode result, upload_try *each, const char *error, 
         return false;
     }
     if (int final_status = session_final_status(result)) {
-        end_with(outcome, final_status, session_reason(result, error));
+        end_with(outcome, final_status, session_reason(result, error, answer_is_redirect(each->found)));
         return false;
     }
     if (each->found.status >= 300) {
@@ -149,8 +149,8 @@ static bool may_try_again(CURLcode result, upload_try *each, const char *error, 
         return false;
     }
     if (each->reason.empty())
-        each->reason =
-            result == CURLE_OK ? "the server answered before it had the file" : session_reason(result, error);
+        each->reason = result == CURLE_OK ? "the server answered before it had the file"
+                                          : session_reason(result, error, answer_is_redirect(each->found));
     return true;
 }
 
