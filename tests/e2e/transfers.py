@@ -188,3 +188,9 @@ class Helpers:
 def killed(ended: Ended) -> bool:
     """It was ended by SIGKILL."""
     return ended.status == -signal.SIGKILL
+
+
+def peak_kib(running: Running) -> int:
+    """The most memory that it has had at once so far."""
+    with open(f"/proc/{running.process.pid}/status", encoding="ascii") as file:
+        return next(int(line.split()[1]) for line in file if line.startswith("VmHWM:"))
