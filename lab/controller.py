@@ -257,6 +257,12 @@ class Controller:
                                code=connection.close_code, reason=connection.close_reason)
         return socket
 
+    def _check_event(self, data: bytes) -> None:
+        try:
+            schemas.check_event(data)
+        except schemas.SchemaError as error:
+            self._journal.note("problem", text=f"an event has not its shape: {error}")
+
     async def _handle(self, connection: Connection, frame: aiohttp.WSMessage) -> bool:
         """Deals with one frame; False when the connection is over."""
         kind = frame.type
@@ -265,6 +271,7 @@ class Controller:
             text = data.decode("utf-8", "replace")
             if self.forwarded.take(data):
                 self._journal.note("trap", data=data, text=shown(data), connection=connection)
+                self._check_event(data)
                 return True
             await self._receive(connection, text, kind == aiohttp.WSMsgType.BINARY)
         elif kind == aiohttp.WSMsgType.PING:

@@ -55,6 +55,7 @@ class _Document(NamedTuple):
 
 class _Documents(NamedTuple):
     messages: dict[tuple[str, int], _Document]
+    events: dict[str, _Document]
     ping: _Document
 
 
@@ -95,6 +96,21 @@ def answers_to(number: Any) -> tuple[int | None, int | None]:
     return document.answers if document else (None, None)
 
 
+def check_event(text: str | bytes) -> None:
+    """Raise SchemaError if this is an event whose shape is written down and it has another one.
+
+    What else local programs send is theirs.
+    """
+    try:
+        message = json.loads(text)
+        document = _load().events.get(message["eId"])
+    except (ValueError, RecursionError, LookupError, TypeError):
+        return
+    if document is not None:
+        label = f"event {message['eId']}"
+        _validate(label, document, _parse(label, _decode(label, text)), repr(text))
+
+
 def check_ping(payload: str | bytes) -> dict[str, Any]:
     """Return the members of the payload of one of the agent's PING frames, or raise SchemaError."""
     document = _load().ping
@@ -120,7 +136,9 @@ def _load() -> _Documents:
                          (row.get("reply"), row.get("failure")))
 
     messages = {(row["direction"], row["msgType"]): document(row) for row in catalogue["messages"]}
-    return _Documents(messages, document(catalogue["ping"]))
+    events = {path.name.partition(".")[0]: document({"name": "event", "schema": path})
+              for path in (PROTOCOL / "events").iterdir()}
+    return _Documents(messages, events, document(catalogue["ping"]))
 
 
 def _read(path: Path) -> dict[str, Any]:

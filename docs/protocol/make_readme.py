@@ -26,6 +26,7 @@ def render() -> str:
         "catalogue": _catalogue(catalogue["messages"]),
         "to-controller": _messages(catalogue["messages"], "to-controller"),
         "to-agent": _messages(catalogue["messages"], "to-agent"),
+        "events": _events(),
         "error-codes": _error_codes(),
         "ping": _ping(_read(catalogue["ping"]["schema"])),
         "close-status": str(catalogue["close"]["status"]),
@@ -137,6 +138,21 @@ def _error_codes() -> str:
     names = _read("definitions.schema.json")["$defs"]["errorCode"]["enum"]
     rows = [[str(status), f'"{name}"'] for status, name in enumerate(names)]
     return _table(["status", "code"], rows)
+
+
+def _events() -> str:
+    """The events whose shape is written down, each in a file named after it."""
+    found = []
+    for path in sorted((HERE / "events").iterdir()):
+        schema = json.loads(path.read_text(encoding="utf-8"))
+        name = path.name.partition(".")[0]
+        table = _table(["#", "member", "value", "meaning"], [
+            [str(number), member[0], member[1] + (", or left out" if member[2] == "no" else ""),
+             member[3]] for number, member in enumerate(_members(schema), 1)])
+        examples = "\n".join(json.dumps(example) for example in schema["examples"])
+        found.append(f'### Event {name}\n\n{schema["description"]} ([schema](events/{path.name}))\n\n'
+                     f"{table}\n\n```json\n{examples}\n```")
+    return "\n\n".join(found)
 
 
 def _ping(schema: Schema) -> str:

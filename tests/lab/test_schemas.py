@@ -495,3 +495,35 @@ def test_hostile_ping(old: str, new: str, reason: str) -> None:
         schemas.check_ping(text)
     assert reason in str(caught.value)
     assert str(caught.value).startswith("ping: ")
+
+
+# ---------------------------------------------------------------- events of local programs
+
+EVENTS = [pytest.param(path, example, id=f"{path.name}-{number}")
+          for path in sorted((PROTOCOL / "events").iterdir())
+          for number, example in enumerate(read(path)["examples"])]
+
+
+@pytest.mark.parametrize("path, example", EVENTS)
+def test_event_examples_pass_and_are_events(path: Path, example: dict[str, Any]) -> None:
+    assert path.name == f"{example['eId']}.schema.json"
+    schemas.check_event(json.dumps(example, separators=(",", ":")).encode())
+    assert schemas.check("to-controller", wire(example)) == example
+
+
+@pytest.mark.parametrize("path, example", EVENTS)
+def test_event_of_another_shape_is_refused(path: Path, example: dict[str, Any]) -> None:
+    details = example["varPayload"]
+    for wrong in ({**example, "more": 1}, {**example, "eTime": "now"},
+                  {**example, "varPayload": {**details, "outcome": "Perhaps"}},
+                  {**example, "varPayload": dict(reversed(details.items()))},
+                  {name: value for name, value in example.items() if name != "varPayload"}):
+        with pytest.raises(schemas.SchemaError, match=f"event {example['eId']}"):
+            schemas.check_event(wire(wrong))
+
+
+@pytest.mark.parametrize("text", [
+    b"", b"\xff", b"[699]", b'"eId"', b"{}", b"[" * 100000, b'{"msgType": 699, "eId": "DoorOpened"}',
+    b'{"eId": ["TechSupportUpload"]}', b'{"eId": 5}'])
+def test_what_nobody_has_written_down_is_not_judged(text: bytes) -> None:
+    schemas.check_event(text)
