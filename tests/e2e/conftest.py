@@ -100,8 +100,11 @@ def online(start: Callable[..., Lab]) -> Lab:
 
 
 @pytest.fixture(scope="session")
-def transfer_lab() -> Iterator[Lab]:
-    """A lab without an agent, for many tests: `helpers` cleans up its device's /tmp."""
+def transfer_lab(leftovers: None) -> Iterator[Lab]:
+    """A lab without an agent, for many tests: `helpers` cleans up its device's /tmp.
+
+    It goes before `leftovers` looks.
+    """
     with Lab() as fresh:
         fresh.files.start()
         yield fresh
