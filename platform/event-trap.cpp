@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -15,6 +16,8 @@
 #define MODULE "wifi.c"
 
 #define EVENT_SOCKET "/tmp/heron_event_sock"
+
+enum { WAITING_EVENTS = 1024 }; /* more than a socket holds */
 
 int32_t https_download_status;
 
@@ -80,6 +83,18 @@ void event_rx_cb(int32_t fd, int32_t, void *)
     LOG(LOG_TRACE, "%s: Trap Data received, send to Orvanta len=%d data [%s]", "event_rx_cb",
         static_cast<int>(length), text);
     (void)write_to_orv(text, strlen(text), 0);
+}
+
+static bool event_is_waiting(void)
+{
+    struct pollfd socket = {event_fd, POLLIN, 0};
+    return event_fd >= 0 && poll(&socket, 1, 0) > 0;
+}
+
+void take_waiting_events(void)
+{
+    for (int i = 0; i < WAITING_EVENTS && event_is_waiting(); i++)
+        event_rx_cb(event_fd, EV_READ, nullptr);
 }
 
 void event_listener_reset(void)

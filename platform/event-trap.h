@@ -31,5 +31,8 @@ const char *platform_get_event_sock_path(void);
  * accepted the device; without a connection it is lost. */
 void event_rx_cb(int32_t fd, int32_t event, void *arg);
 
+/* Deals with what is waiting at the socket now, with a bound for programs that send without end. */
+void take_waiting_events(void);
+
 /* For tests: closes the socket. */
 void event_listener_reset(void);
