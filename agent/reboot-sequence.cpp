@@ -18,7 +18,10 @@ bool reboot_is_due(reboot_sequence *sequence)
         return true;
     }
     timer_fired(sequence->delay);
-    close_websocket();
+    if (sequence->say_goodbye)
+        sequence->say_goodbye();
+    else
+        close_websocket();
     sequence->close_sent = 1;
     timer_arm(sequence->close_frame, CLOSE_FRAME_DELAY);
     return false;

@@ -9,9 +9,10 @@
 #include "agent/named-timer.h"
 
 struct reboot_sequence {
-    named_timer delay;       /* both timers have the same callback, which asks reboot_is_due */
-    named_timer close_frame; /* "CLOSE FRAME DELAY" */
-    int32_t close_sent;      /* the second stage */
+    named_timer delay;                   /* both timers have the same callback, which asks reboot_is_due */
+    named_timer close_frame;             /* "CLOSE FRAME DELAY" */
+    int32_t close_sent;                  /* the second stage */
+    void (*say_goodbye)(void) = nullptr; /* closes the connection; null: close_websocket, with "DEV_REBOOT" */
 };
 
 /* Begins, or begins the delay anew. Once the connection is closed nothing delays the reboot any more. */
