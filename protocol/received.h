@@ -8,6 +8,7 @@
 
 /* The types that have a handler in this build. */
 enum {
+    MSG_SW_UPGRADE_REQUEST = 101,
     MSG_REBOOT_CMD = 102,
     MSG_STATS_REQUEST = 103,
     MSG_STATS_ON_DEMAND_REQUEST = 104,
@@ -18,6 +19,8 @@ enum {
     MSG_EXEC_CMD = 109,           /* from the front end only, so far */
     MSG_EXEC_STOP = 110,          /* likewise */
     MSG_RADIO_SCAN_REQUEST = 111, /* likewise */
+    MSG_TECH_SUPPORT_REQUEST = 113,
+    MSG_TECH_SUPPORT_ABORT = 114,
     MSG_LOCATE_CMD = 115,
     MSG_INTVL_UPDATE_CMD_REQUEST = 117,
     MSG_STATS_INFO_REQUEST = 122,
