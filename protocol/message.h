@@ -24,6 +24,7 @@ enum {
     MSG_MANAGED_INFO_RSP = 408,
     MSG_EXEC_CMD_RSP = 409,
     MSG_EXEC_STOP_RSP = 410,
+    MSG_TECH_SUPPORT_RSP = 414, /* an upload was stopped */
     MSG_LOCATE_RSP = 415,
     MSG_STATS_INFO_RSP = 422,
     MSG_DEV_INFO_RSP = 423,
@@ -34,6 +35,7 @@ enum {
     MSG_EXEC_CMD_FAILURE = 709,
     MSG_EXEC_STOP_FAILURE = 710,
     MSG_RADIO_SCAN_FAILURE = 711,
+    MSG_TECH_SUPPORT_ABORT_FAILURE = 714,
     MSG_FAILURE = 999, /* answers a message whose type could not be read */
 };
 
