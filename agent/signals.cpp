@@ -9,6 +9,7 @@
 #include "agent/da.h"
 #include "agent/debug-log.h"
 #include "agent/enter-state.h"
+#include "agent/hooks.h"
 #include "agent/ws-close.h"
 
 #define MODULE "device-agent.c"
@@ -19,6 +20,7 @@ static void leave(void)
 {
     leaving = true;
     send_close_frame_to_orvanta("DEV_CFG_UPDATE", strlen("DEV_CFG_UPDATE"));
+    call_hook(hooks.stop_fw_dl_process); /* what it leaves would block upgrades under the next agent */
     exit(0);
 }
 

@@ -12,7 +12,9 @@
 #include "agent/ws-session.h"
 #include "operations/config-restore.h"
 #include "operations/front-end-requests.h"
+#include "operations/fw-download.h"
 #include "operations/log-stream.h"
+#include "operations/upgrade-state.h"
 #include "operations/wifid-listener.h"
 #include "platform/event-trap.h"
 #include "platform/front-end.h"
@@ -44,6 +46,10 @@ void install_hooks(void)
     /* configuration: the safety net of an update */
     hooks.platform_cancel_cfg_restore = platform_cancel_cfg_restore;
     hooks.platform_restore_cfg = platform_restore_cfg;
+
+    /* software upgrade: told in REGISTER, and ended by it */
+    hooks.sw_update_state = platform_get_upgrade_status;
+    hooks.stop_fw_dl_process = stop_fw_dl_process;
 
     /* local programs */
     hooks.append_logs = append_logs;

@@ -11,6 +11,8 @@
 #include "agent/text.h"
 #include "operations/config-pull.h"
 #include "operations/config-update.h"
+#include "operations/sw-upgrade.h"
+#include "operations/tech-support.h"
 #include "platform/connection-status.h"
 #include "platform/locate.h"
 #include "protocol/device-info.h"
@@ -28,7 +30,15 @@
 
 /* ---- handlers with more to do than their own reader ---- */
 
-/* The connection is shown as up before the long work begins; a throughput test does not survive it. */
+/* The connection is shown as up before the long work begins. */
+static int software_upgrade(const json_t *obj, char *error_text)
+{
+    platform_set_orv_connection_state(ORV_CONNECTED, nullptr);
+    int status = parse_sw_upgrade_request(obj, fw_url, error_text);
+    return status == NO_ERROR ? platform_sw_update(fw_url, error_text) : status;
+}
+
+/* Likewise; a throughput test does not survive it. */
 static int config_update(const json_t *obj, char *error_text)
 {
     platform_set_orv_connection_state(ORV_CONNECTED, nullptr);
@@ -38,6 +48,19 @@ static int config_update(const json_t *obj, char *error_text)
 }
 
 static int config_pull(const json_t *, char *error_text) { return platform_pull_and_send_config(error_text); }
+
+/* One at a time: the archive that is being uploaded must not be made anew. */
+static int tech_support(const json_t *obj, char *error_text)
+{
+    if (!upload_in_progress)
+        return parse_tech_support_request(obj, error_text);
+    set_error_text(error_text, "Another upload is in progress");
+    LOG(LOG_FAILURE, "%s", error_text);
+    return UPLOAD_IN_PROGRESS;
+}
+
+/* It answers by itself. */
+static int tech_support_abort(const json_t *, char *) { return abort_tech_support_upload(); }
 
 static int locate(const json_t *, char *) { return platform_locate(); }
 
@@ -103,6 +126,8 @@ struct message_row {
 
 /* In the order of the type numbers. A type without a row is unknown. */
 static const message_row catalogue[] = {
+    {MSG_SW_UPGRADE_REQUEST, LOG_TRACE, "%s: MSG_SW_UPGRADE_REQUEST received", software_upgrade, 701, 0,
+     nullptr},
     {MSG_REBOOT_CMD, LOG_EVENT, "%s: MSG_REBOOT_CMD received", parse_reboot_request, 702, MSG_REBOOT_RSP,
      "%s: MSG_REBOOT_CMD_REQUEST Complete"},
     {MSG_STATS_REQUEST, LOG_TRACE, "%s: MSG_STATS_REQUEST received", parse_stats_request, 703, 0, nullptr},
@@ -117,6 +142,10 @@ static const message_row catalogue[] = {
      "%s: MSG_CONFIG_PULL_REQUEST Complete", "ERR_BAD_REQUEST"},
     {MSG_MANAGED_INFO, LOG_TRACE, "%s:MSG_MANAGED_INFO received", parse_managed_info, 708,
      MSG_MANAGED_INFO_RSP, "%s:MSG_MANAGED_INFO Complete"},
+    {MSG_TECH_SUPPORT_REQUEST, LOG_TRACE, "%s: MSG_TECH_SUPPORT_REQUEST received", tech_support, 713, 0,
+     nullptr},
+    {MSG_TECH_SUPPORT_ABORT, LOG_TRACE, "%s: MSG_TECH_SUPPORT_ABORT received", tech_support_abort, 0, 0,
+     nullptr},
     {MSG_LOCATE_CMD, LOG_EVENT, "%s: MSG_LOCATE_CMD received", locate, 715, MSG_LOCATE_RSP,
      "%s: MSG_LOCATE_CMD_REQUEST Complete"},
     {MSG_INTVL_UPDATE_CMD_REQUEST, LOG_TRACE, "%s: MSG_INTVL_UPDATE_CMD_REQUEST received",

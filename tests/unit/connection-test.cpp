@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include "operations/config-reboot.h"
+#include "operations/sw-upgrade.h"
+#include "operations/tech-support.h"
 #include "protocol/directives.h"
 
 /* Every file that a test of the connection may find or leave. */
@@ -29,6 +31,8 @@ static void stop_everything(void)
     config_change_reset();
     config_reboot_reset();
     directives_reset();
+    sw_upgrade_reset();
+    tech_support_reset();
     if (ws.context)
         ws_destroy_context();
     ws_session_reset();
