@@ -39,23 +39,6 @@ void config_test::TearDown()
     remove_config_files();
 }
 
-texts take_told(void)
-{
-    texts told;
-    for (const fake_frame &frame : library.wire)
-        told.push_back(frame.payload);
-    library.wire.clear();
-    for (const std::string &message : take_queued())
-        told.push_back(message);
-    return told;
-}
-
-std::string take_one_told(void)
-{
-    texts told = take_told();
-    return told.size() == 1 ? told[0] : "there are " + std::to_string(told.size()) + " messages";
-}
-
 std::string status_message(const std::string &status, const std::string &message)
 {
     return "{\"msgType\": 406, \"status\": \"" + status + "\", \"message\": \"" + message + "\"}";

@@ -17,12 +17,10 @@
 #include "tests/unit/connection-test.h"
 #include "tests/unit/fake-scm.h"
 #include "tests/unit/fake-tools.h"
-#include "tests/unit/queued.h"
+#include "tests/unit/told.h"
 
 #define OLD_CONFIG "hostname old\nradio 1\n"
 #define OLDER_BACKUP "hostname older\n"
-
-using texts = std::vector<std::string>;
 
 class config_test : public connection_test {
 protected:
@@ -37,10 +35,6 @@ void remove_config_files(void);
 
 /* The runs of the two copies and of the shell, as tools.ran has them. */
 extern const char copied_to_backup[], copied_back[], shell_saved[];
-
-/* What the controller was told since the last call: on the wire, then queued. And the one message of it. */
-texts take_told(void);
-std::string take_one_told(void);
 
 /* The 406 message with these two texts. */
 std::string status_message(const std::string &status, const std::string &message);
