@@ -19,7 +19,7 @@ from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 from typing import Any, Callable, Optional
 
-from lab import device_image, linux
+from lab import banks, device_image, linux
 
 REPOSITORY = Path(__file__).resolve().parent.parent
 PYTHON = "/usr/bin/python3"
@@ -50,11 +50,13 @@ class Device:
     """One access point. Start it, run programs in it, reboot it, stop it; or use it with `with`."""
 
     def __init__(self, network_fd: int, trusted: Optional[dict[str, str]] = None,
-                 writable: tuple[str, ...] = ()) -> None:
+                 writable: tuple[str, ...] = (), files: Optional[dict[str, str]] = None) -> None:
         """`network_fd` is the network namespace to live in; `trusted` the CA files to install;
-        `writable` names folders of the host that the device may change (for reports)."""
+        `writable` names folders of the host that the device may change (for reports); `files` are
+        more files that belong to it, by their paths."""
         self._network_fd = network_fd
         self._trusted = trusted or {}
+        self._files = files or {}
         self._writable = writable
         self._folder: Optional[Path] = None
         self._keeper: Optional[subprocess.Popen] = None
@@ -87,6 +89,7 @@ class Device:
             self._folder = Path(tempfile.mkdtemp(prefix=f"{FOLDER_PREFIX}{os.getpid()}-"))
             for name in ("base", "flash/config", "records", "output", "status", "shared"):
                 (self._folder / name).mkdir(parents=True)
+            banks.fill(self._folder / "flash")
             os.mkfifo(self._folder / "requests")
             self.requests_fd = os.open(self._folder / "requests",
                                        os.O_RDWR | os.O_NONBLOCK | os.O_CLOEXEC)
@@ -135,7 +138,9 @@ class Device:
             "status_fd": status_fd, "lifeline_fd": lifeline_fd,
             "tmpfs": device_image.VOLATILE, "binds": binds,
             "folders": ["/mnt/flash/config", "/etc/velmora"],
-            "files": device_image.device_files(self._trusted),
+            "files": [*device_image.device_files(self._trusted, *banks.boot(self.folder / "flash")),
+                      *({"path": path, "text": text, "mode": 0o644}
+                        for path, text in self._files.items())],
         }
 
     def _boot(self) -> None:
@@ -328,6 +333,15 @@ class Device:
         finally:
             os.close(folder)
 
+    def link(self, path: str, target: str) -> None:
+        """Makes a symbolic link inside the device, in place of what is there."""
+        self.unlink(path, missing_ok=True)
+        folder = self._open(os.path.dirname(path), os.O_PATH | os.O_DIRECTORY)
+        try:
+            os.symlink(target, os.path.basename(path), dir_fd=folder)
+        finally:
+            os.close(folder)
+
     # -- recorded tools ---------------------------------------------------------------------
 
     def records(self, name: str) -> list[list[str]]:
@@ -342,3 +356,8 @@ class Device:
         """Makes a recorded tool print `output` and end with `status` from now on."""
         (self.folder / "status" / name).write_text(str(status), encoding="utf-8")
         (self.folder / "output" / name).write_text(output, encoding="utf-8")
+
+    def unscript_tool(self, name: str) -> None:
+        """Ends `script_tool`."""
+        for folder in ("status", "output"):
+            (self.folder / folder / name).unlink(missing_ok=True)

@@ -58,6 +58,12 @@ _DATE_SHOWS = """case "${1-+}" in +*|-u|-R|-I*) exec /usr/bin/date.real "$@" ;; 
 _SHUTDOWN_TELLS = """printf '%s:%s' "$(/usr/bin/date.real +%s)" "${1-}" > /mnt/flash/.last_reboot_reason
 echo reboot > /run/lab/requests
 """
+# The device's own scripts, unless a test has said how they end; their clock is the true one.
+_SCRIPT_WORKS = f"""if [ ! -e "/run/lab/status/$name" ]; then
+    unset LD_PRELOAD
+    exec /bin/sh "{_REPOSITORY}/lab/tools/$name" "$@"
+fi
+"""
 # A bare device (lab.exec) has no configuration, and a tool that a test has scripted is no program.
 _SHELL_WORKS = f"""if [ -d /run/scmd ] && [ ! -e /run/lab/status/clish ]; then
     unset LD_PRELOAD
@@ -81,16 +87,19 @@ def _file(path: str, text: str, mode: int = 0o644) -> dict[str, Any]:
 def _recorder(name: str) -> dict[str, Any]:
     text = _RECORDER.replace("{name}", name)
     text = text.replace("{before}", _DATE_SHOWS if name == "date" else "")
-    after = {"shutdown.sh": _SHUTDOWN_TELLS, "clish": _SHELL_WORKS}
+    after = {"shutdown.sh": _SHUTDOWN_TELLS, "clish": _SHELL_WORKS, "upgrade.sh": _SCRIPT_WORKS,
+             "techsupport.sh": _SCRIPT_WORKS}
     text = text.replace("{after}", after.get(name, ""))
     return _file(RECORDED_TOOLS[name], text, 0o755)
 
 
-def device_files(trusted: dict[str, str]) -> list[dict[str, Any]]:
-    """All files of a fresh device; `trusted` maps file names in "/etc/ssl/certs" to PEM texts."""
+def device_files(trusted: dict[str, str], active: str = SOFTWARE_VERSION,
+                 standby: str = BOARD["otherVersion"]) -> list[dict[str, Any]]:
+    """All files of a device that has just started with this firmware; `trusted` maps file names in
+    "/etc/ssl/certs" to PEM texts."""
     files = [
-        _file("/etc/version", f"NAME=quill\nVERSION={SOFTWARE_VERSION}\n"),
-        _file("/etc/velmora/board.json", json.dumps(BOARD) + "\n"),
+        _file("/etc/version", f"NAME=quill\nVERSION={active}\n"),
+        _file("/etc/velmora/board.json", json.dumps({**BOARD, "otherVersion": standby}) + "\n"),
         _file("/etc/hostname", HOSTNAME + "\n"),
         _file("/etc/hosts", f"127.0.0.1 localhost\n127.0.1.1 {HOSTNAME}\n"),
         _file("/etc/nsswitch.conf", "passwd: files\ngroup: files\nhosts: files dns\n"),

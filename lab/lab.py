@@ -21,6 +21,7 @@ from lab.controller import Controller
 from lab.device import REPOSITORY, Device, require_root
 from lab.dhcp import Dhcp
 from lab.filestore import FileStore
+from lab.firmware import KEY_FILE, Firmware
 from lab.journal import Event, Journal
 from lab.lldpd import Lldpd
 from lab.logfile import LogFile
@@ -37,6 +38,8 @@ from lab.switch import Switch
 from lab.wifid import Wifid
 from lab.world import World
 
+HELPERS = ("fw_dl", "s3upload")
+"""Programs beside the agent that it looks for on its search path."""
 _LOGGED = re.compile(r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d( \d+ |:LWS: )|$")
 """Lines of the agent's output that its log files hold as well."""
 
@@ -61,6 +64,7 @@ class Lab:
         self._reboot_lock = threading.Lock()
         self.reboot_on_request = True
         """Whether "shutdown.sh" of the device reboots it (else it is only noted)."""
+        self._helpers: Optional[Path] = None
         self.journal = Journal()
         self.journal.explain = self.explain
         self.network = Network()
@@ -81,7 +85,9 @@ class Lab:
         self._step("making the network", self.network.start, self.network.stop)
         self._progress("making the certificate authority")
         self.authority = Authority()
-        self.device = Device(self.network.device_fd, self.authority.trusted_files())
+        self.firmware = Firmware()
+        self.device = Device(self.network.device_fd, self.authority.trusted_files(),
+                             files={KEY_FILE: self.firmware.public_key})
         self._step("making the device", self.device.start, self.device.stop)
         self.world = World(self.network.world_fd, self._problem)
         self._step("starting the services", self.world.start, self.world.stop)
@@ -179,6 +185,7 @@ class Lab:
         self.scmd.stop()  # it went down with the device
         self.scmd.start()
         self.supervisor.abandoned()
+        self._install_helpers()
         self.wifid.start()
         self.dhcp.rebooted()
         self.shown.start()
@@ -194,9 +201,22 @@ class Lab:
         """Starts the agent under the supervisor; `faketime` such as "+0 x10" speeds its clock,
         `speed` does so until `supervisor.run_at` changes it."""
         path = find_agent(binary)
+        self._helpers = path.parent
+        self._install_helpers()
         self._progress(f"starting the agent: {shlex.join([str(binary), *args])}")
         self.supervisor.restart = restart
         self.supervisor.start([str(path), *args], env, faketime, speed)
+
+    def _install_helpers(self) -> None:
+        """Puts the helper programs of the agent's build into the device."""
+        for name in HELPERS:
+            if self._helpers is not None and (self._helpers / name).exists():
+                self.device.link(f"/usr/bin/{name}", str(self._helpers / name))
+
+    def install(self, name: str, script: str) -> None:
+        """Puts a script into the place of a program on the device's search path, until it reboots."""
+        self.device.unlink(f"/usr/bin/{name}", missing_ok=True)
+        self.device.write_text(f"/usr/bin/{name}", script, 0o755)
 
     def wait_registered(self, timeout: float = 60.0) -> Event:
         """Waits until the agent has taken in that the controller accepted it."""

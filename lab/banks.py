@@ -1,0 +1,45 @@
+"""The two banks of the device's flash and its boot loader: which firmware runs after the next start.
+
+"/mnt/flash/boot" names the bank to start from, "a" or "b"; "bank-a" and "bank-b" hold the firmware with
+a file "version". Worked on from the host's side, while the device is down.
+"""
+
+from pathlib import Path
+from typing import NamedTuple
+
+from lab import device_image
+
+FACTORY = {"a": device_image.SOFTWARE_VERSION, "b": device_image.BOARD["otherVersion"]}
+"""The versions of a new device."""
+
+
+class Versions(NamedTuple):
+    """What runs, and what stands by ("" where there is nothing that could)."""
+
+    active: str
+    standby: str
+
+
+def fill(flash: Path) -> None:
+    """Gives a new device its firmware."""
+    for name, version in FACTORY.items():
+        bank = flash / f"bank-{name}"
+        bank.mkdir()
+        (bank / "version").write_text(version + "\n", encoding="ascii")
+    (flash / "boot").write_text("a\n", encoding="ascii")
+
+
+def boot(flash: Path) -> Versions:
+    """The device starts: from the bank that it is told to, or from the other if there is nothing in that."""
+    asked = _text(flash / "boot")
+    first, second = ("b", "a") if asked == "b" else ("a", "b")
+    active, standby = (_text(flash / f"bank-{name}" / "version") for name in (first, second))
+    return Versions(active, standby) if active else Versions(standby, active)
+
+
+def _text(path: Path) -> str:
+    """A file's one line, "" if there is none. What the device has written may be anything."""
+    try:
+        return path.read_bytes()[:127].decode("ascii", "replace").strip() if path.is_file() else ""
+    except OSError:
+        return ""
