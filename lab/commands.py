@@ -12,7 +12,7 @@ import time
 from collections.abc import Awaitable, Callable
 from typing import Any, Optional
 
-from lab import schemas, statscommands, wificommands
+from lab import schemas, statscommands, upgradecommands, wificommands
 from lab.controller import REGISTER, REGISTER_SUCCESS, Acceptance
 from lab.desk import BAD, GOOD, MORE, Desk, Failed, Outcome, Verdict, answers, told
 from lab.localcommands import log_line, raise_event
@@ -254,5 +254,6 @@ COMMANDS: dict[str, Command] = {
     "watch": watch,
     "state": state,
     **statscommands.COMMANDS,
+    **upgradecommands.COMMANDS,
     **wificommands.COMMANDS,
 }

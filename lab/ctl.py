@@ -28,7 +28,7 @@ def _common() -> argparse.ArgumentParser:
     parser = argparse.ArgumentParser(add_help=False, argument_default=argparse.SUPPRESS)
     parser.add_argument("--lab", metavar="NAME", help="which lab, where several are running")
     parser.add_argument("--timeout", metavar="SECONDS", type=_seconds,
-                        help="how long an answer may take (default: 30, for clock 120)")
+                        help="how long an answer may take (default: 30, for clock 120, for upgrade 900)")
     parser.add_argument("--full", action="store_true", help="show messages in their full length")
     return parser
 

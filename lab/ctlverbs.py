@@ -11,6 +11,7 @@ from pathlib import Path
 from typing import Any, Callable, Optional
 
 from lab.ctlstats import STATS
+from lab.ctlupgrade import FIRMWARE
 from lab.ctlverb import BadUsage, Request, Verb, count_of
 
 # -- config ---------------------------------------------------------------------------------
@@ -229,6 +230,7 @@ WIFID = (
          _payload("wifid-register"), _payload_arguments),
 )
 
-GROUPS: tuple[tuple[Verb, ...], ...] = (CONFIG, STATS, DIRECTIVES, LOCAL, LOOKING, WIFID)
+GROUPS: tuple[tuple[Verb, ...], ...] = (CONFIG, FIRMWARE, STATS, DIRECTIVES, LOCAL, LOOKING,
+                                  WIFID)
 GROUP_HELP = {"config": "the device's configuration", "stats": "the device's statistics",
               "wifid": "the device's Wi-Fi daemon and its talk with the controller"}
