@@ -4,7 +4,7 @@
 # No secrets: passphrases, account tokens, private keys and what gives a URL its permission are taken out of every
 # text, and the files that hold nothing else are not collected at all.
 set -u
-work=$(mktemp -d /tmp/techsupport.XXXXXX) || exit 1
+work=$(mktemp -d /tmp/support-work.XXXXXX) || exit 1
 trap 'rm -rf "$work"' EXIT
 top=$work/techsupport
 mkdir -p "$top/logs" "$top/state" "$top/config" "$top/network" "$top/system"
