@@ -49,7 +49,7 @@ def _archive(arguments: argparse.Namespace, data: dict[str, Any]) -> None:
         shutil.copyfile(data["path"], target)
     except OSError as error:
         raise BadUsage(f"{target}: {error.strerror}") from None
-    for name, size in data["members"]:
+    for name, size in sorted(data["members"]):
         print(f"{size:>9}  {name}")
     print(f"it is in {target}")
 

@@ -53,6 +53,10 @@ def test_every_verb_explains_itself(words):
     (["reboot", "--delay", "x"], "invalid 32-bit integer value: 'x'"),
     (["clock", "noon"], "ctl: 'noon' is no time; try "),
     (["managed", "--managed", "maybe"], "invalid choice: 'maybe'"),
+    (["upgrade"], "required: VERSION|URL"),
+    (["upgrade", "4 3"], "ctl: '4 3' is neither a version nor a URL"),
+    (["upgrade", "4.3.0", "--fault", "rain"], "ctl: fault 'rain' is none of full-disk, status=N, "),
+    (["upgrade", "https://x", "--fault", "sku"], "ctl: fault 'sku' goes with a version, not with"),
     (["watch", "--count", "0"], "invalid positive number value: '0'"),
     (["--timeout", "0", "info"], "invalid number of seconds value: '0'"),
 ])
