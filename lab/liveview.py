@@ -21,7 +21,7 @@ _LOG_NOTES = (
     "Discovered method", "Connected to Orvanta", "Sending REGISTER", "MSG_REGISTER_",
     "Not received PONG", "Missed 5", "Websocket rejected", "sighandler invoked",
     "Registration failed", "server's cert", "Server certificated validation failed",
-    "Access Denied",
+    "Access Denied", "HTTPS_fw_dl: ", "Fire upgrade script", "Upload_log:",
 )
 
 

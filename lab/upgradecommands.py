@@ -40,14 +40,16 @@ def _offer(lab: Lab, version: str, fault: Optional[str]) -> str:
 @contextlib.asynccontextmanager
 async def _device_fault(lab: Lab, fault: Optional[str]) -> AsyncIterator[None]:
     """The device's part of a fault: a script that ends as it is told, or no room for the image."""
+    scripted = fault is not None and fault.startswith("status=")
+    if scripted:
+        lab.device.script_tool("upgrade.sh", int(fault.partition("=")[2]))
     if fault == "full-disk":
         await asyncio.to_thread(_limit_room, lab)
-    elif fault is not None and fault.startswith("status="):
-        lab.device.script_tool("upgrade.sh", int(fault.partition("=")[2]))
     try:
         yield
     finally:
-        lab.device.unscript_tool("upgrade.sh")
+        if scripted:
+            lab.device.unscript_tool("upgrade.sh")
         if fault == "full-disk":
             await asyncio.to_thread(lab.device.run, ["mount", "-o", "remount,size=50%", "/tmp"])
 

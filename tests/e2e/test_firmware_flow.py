@@ -144,3 +144,36 @@ def test_power_that_fails_while_the_flash_is_written(online):
     ask(lab, lab.files.url("fw.img"))
     expect_stages(lab, "Initiated", "InProgress")
 
+
+def processes(lab, name):
+    """Whether a program of this name runs on the device."""
+    return lab.device.run(["pgrep", "-x", name]).stdout.split()
+
+
+def test_an_abandoned_download_leaves_nothing(online):
+    lab = online
+    lab.files.start()
+    lab.files.serve("big.img", bytes(4 * 1024 * 1024))
+    before = lab.device.run(["ls", "-A", "/tmp"]).stdout
+    ask(lab, lab.files.url("big.img", rate="100k"))
+    expect_stages(lab, "Initiated")
+    lab.log.wait("HTTPS_fw_dl: downloading ")
+    lab.controller.kill()
+    lab.log.wait("Terminating fw_dl pid")
+    until(lab, lambda: not processes(lab, "fw_dl"), "the program's end")
+    assert lab.device.run(["ls", "-A", "/tmp"]).stdout == before
+    lab.wait_registered()
+    ask(lab, lab.files.serve("fw.img", lab.firmware.image("4.3.0")))
+    expect_stages(lab, "Initiated", "InProgress", "UpdateComplete")
+
+
+def test_a_real_upload_is_stopped(online):
+    lab = online
+    lab.files.start()
+    lab.files.kill()  # nobody answers, so it tries again and again
+    lab.controller.send({"msgType": 113, "url": lab.files.upload_url("x"), "filename": "x",
+                         "contentType": "application/gzip"})
+    lab.log.wait("Upload_log:")
+    lab.controller.send({"msgType": 114})
+    assert lab.controller.wait_message(414) == {"msgType": 414}
+    until(lab, lambda: not processes(lab, "s3upload"), "the program's end")
