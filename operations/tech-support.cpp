@@ -11,6 +11,7 @@
 #include "agent/owners.h"
 #include "agent/piped-child.h"
 #include "agent/run.h"
+#include "agent/txq.h"
 #include "platform/event-trap.h"
 #include "protocol/error-codes.h"
 #include "protocol/message.h"
@@ -45,6 +46,7 @@ int platform_gen_tech_support(void)
         LOG(LOG_FAILURE, "%s: %s: %s", function, TECH_SUPPORT_FILE, strerror(errno));
         return 0;
     }
+    flush_txq(); /* answers to earlier requests do not wait for it */
     int status = run_shell("/usr/bin/scripts/techsupport.sh | gzip > " TECH_SUPPORT_FILE);
     if (status != 0)
         LOG(LOG_FAILURE, "%s: The archive was not made, status %d", function, status);

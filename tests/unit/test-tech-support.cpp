@@ -144,6 +144,18 @@ TEST_F(tech_support_test, the_archive_is_made_and_uploaded)
     EXPECT_TRUE(take_told().empty()) << "the program tells what becomes of it";
 }
 
+static size_t told_meanwhile;
+
+TEST_F(tech_support_test, earlier_answers_do_not_wait_for_the_archive)
+{
+    told_meanwhile = 0;
+    hooks.beat = [] { told_meanwhile = library.wire.size(); };
+    EXPECT_EQ(controller_sends("{\"msgType\": 114}"), 0);
+    EXPECT_EQ(library.wire.size(), 0u);
+    EXPECT_EQ(controller_sends(REQUEST), 0);
+    EXPECT_EQ(told_meanwhile, 1u) << "and the heartbeat goes on";
+}
+
 /* ---- the archive's place ---- */
 
 TEST_F(tech_support_test, the_archive_is_for_roots_eyes)
