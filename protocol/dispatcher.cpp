@@ -11,6 +11,7 @@
 #include "agent/text.h"
 #include "operations/config-pull.h"
 #include "operations/config-update.h"
+#include "operations/latency.h"
 #include "operations/sw-upgrade.h"
 #include "operations/tech-support.h"
 #include "platform/connection-status.h"
@@ -48,6 +49,12 @@ static int config_update(const json_t *obj, char *error_text)
 }
 
 static int config_pull(const json_t *, char *error_text) { return platform_pull_and_send_config(error_text); }
+
+/* Whatever the reason, the refusal is a bad request. */
+static int latency_test(const json_t *obj, char *error_text)
+{
+    return parse_and_test_latency(obj, error_text) == NO_ERROR ? NO_ERROR : BAD_REQUEST;
+}
 
 /* One at a time: the archive that is being uploaded must not be made anew. */
 static int tech_support(const json_t *obj, char *error_text)
@@ -142,6 +149,7 @@ static const message_row catalogue[] = {
      "%s: MSG_CONFIG_PULL_REQUEST Complete", "ERR_BAD_REQUEST"},
     {MSG_MANAGED_INFO, LOG_TRACE, "%s:MSG_MANAGED_INFO received", parse_managed_info, 708,
      MSG_MANAGED_INFO_RSP, "%s:MSG_MANAGED_INFO Complete"},
+    {MSG_LATENCY_TEST, LOG_TRACE, "%s: MSG_LATENCY_TEST received", latency_test, 712, 0, nullptr},
     {MSG_TECH_SUPPORT_REQUEST, LOG_TRACE, "%s: MSG_TECH_SUPPORT_REQUEST received", tech_support, 713, 0,
      nullptr},
     {MSG_TECH_SUPPORT_ABORT, LOG_TRACE, "%s: MSG_TECH_SUPPORT_ABORT received", tech_support_abort, 0, 0,

@@ -19,6 +19,7 @@ enum {
     MSG_EXEC_CMD = 109,           /* from the front end only, so far */
     MSG_EXEC_STOP = 110,          /* likewise */
     MSG_RADIO_SCAN_REQUEST = 111, /* likewise */
+    MSG_LATENCY_TEST = 112,
     MSG_TECH_SUPPORT_REQUEST = 113,
     MSG_TECH_SUPPORT_ABORT = 114,
     MSG_LOCATE_CMD = 115,
