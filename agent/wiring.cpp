@@ -14,6 +14,7 @@
 #include "operations/front-end-requests.h"
 #include "operations/fw-download.h"
 #include "operations/log-stream.h"
+#include "operations/radio-scan.h"
 #include "operations/upgrade-state.h"
 #include "operations/wifid-listener.h"
 #include "platform/event-trap.h"
@@ -57,6 +58,7 @@ void install_hooks(void)
     hooks.log_server_init = log_server_init;
     hooks.platform_event_listener = platform_event_listener;
     hooks.platform_fcgi_server_init = platform_fcgi_server_init;
+    hooks.parse_radio_scan_request = parse_radio_scan_request;
     hooks.install_station_disconnect = install_station_disconnect;
     hooks.device_agent_msg_from_wifid_callback_init = device_agent_msg_from_wifid_callback_init;
 }

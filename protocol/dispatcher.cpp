@@ -12,6 +12,7 @@
 #include "operations/config-pull.h"
 #include "operations/config-update.h"
 #include "operations/latency.h"
+#include "operations/radio-scan.h"
 #include "operations/sw-upgrade.h"
 #include "operations/tech-support.h"
 #include "platform/connection-status.h"
@@ -49,6 +50,15 @@ static int config_update(const json_t *obj, char *error_text)
 }
 
 static int config_pull(const json_t *, char *error_text) { return platform_pull_and_send_config(error_text); }
+
+/* The controller is the one who asks here. */
+static int radio_scan(const json_t *obj, char *error_text)
+{
+    int status = parse_radio_scan_request(obj, error_text, 1);
+    if (status != NO_ERROR)
+        LOG(LOG_FAILURE, "Radio scan failure : %s", error_text);
+    return status;
+}
 
 /* Whatever the reason, the refusal is a bad request. */
 static int latency_test(const json_t *obj, char *error_text)
@@ -149,6 +159,7 @@ static const message_row catalogue[] = {
      "%s: MSG_CONFIG_PULL_REQUEST Complete", "ERR_BAD_REQUEST"},
     {MSG_MANAGED_INFO, LOG_TRACE, "%s:MSG_MANAGED_INFO received", parse_managed_info, 708,
      MSG_MANAGED_INFO_RSP, "%s:MSG_MANAGED_INFO Complete"},
+    {MSG_RADIO_SCAN_REQUEST, LOG_TRACE, "%s: MSG_RADIO_SCAN_REQUEST received", radio_scan, 711, 0, nullptr},
     {MSG_LATENCY_TEST, LOG_TRACE, "%s: MSG_LATENCY_TEST received", latency_test, 712, 0, nullptr},
     {MSG_TECH_SUPPORT_REQUEST, LOG_TRACE, "%s: MSG_TECH_SUPPORT_REQUEST received", tech_support, 713, 0,
      nullptr},

@@ -24,6 +24,7 @@ enum {
     MSG_MANAGED_INFO_RSP = 408,
     MSG_EXEC_CMD_RSP = 409,
     MSG_EXEC_STOP_RSP = 410,
+    MSG_RADIO_SCAN_RSP = 411,
     MSG_LATENCY_TEST_RSP = 412,
     MSG_TECH_SUPPORT_RSP = 414, /* an upload was stopped */
     MSG_LOCATE_RSP = 415,

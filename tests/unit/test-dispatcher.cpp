@@ -321,6 +321,7 @@ TEST_F(dispatcher_test, received_lines_have_their_levels)
         {"107", "handle_orv_msg: MSG_CONFIG_PULL_REQUEST received", 3},
         {"107", "handle_orv_msg: MSG_CONFIG_PULL_REQUEST Complete", 2},
         {"108", "handle_orv_msg:MSG_MANAGED_INFO received", 3},
+        {"111", "handle_orv_msg: MSG_RADIO_SCAN_REQUEST received", 3},
         {"112", "handle_orv_msg: MSG_LATENCY_TEST received", 3},
         {"102", "handle_orv_msg: MSG_REBOOT_CMD received", 2},
         {"102", "handle_orv_msg: MSG_REBOOT_CMD_REQUEST Complete", 2},
