@@ -13,7 +13,7 @@
 #include "agentctl/output.h"
 #include "platform/front-end.h"
 
-enum { PACKET_SIZE = 65536 };
+enum { PACKET_SIZE = 262144 }; /* more than a socket takes in one packet: a scan's result is the longest */
 
 int connect_front_end(bool commands, bool *was_running)
 {

@@ -11,8 +11,10 @@
 #include "agentctl/output.h"
 #include "agentctl/usage.h"
 #include "agentctl/verbs.h"
+#include "operations/radio-scan.h"
 
-enum { SCAN_WAIT = 60000 }; /* milliseconds */
+/* Milliseconds: a little longer than the agent itself waits for the Wi-Fi daemon (SCAN_LIMIT). */
+enum { SCAN_WAIT = (SCAN_LIMIT + 10) * 1000 };
 
 static int number(const json_t *row, const char *name)
 {
@@ -62,7 +64,7 @@ static json_ptr wait_for_scan(int fd)
         if (type == FRONT_END_SCANNED || type == FRONT_END_SCAN_FAILED)
             return message;
     }
-    complain("no scan result within 60 s");
+    complain("no scan result within %d s", SCAN_WAIT / 1000);
     return nullptr;
 }
 
