@@ -64,6 +64,8 @@ class Device:
         self._pid = 0
         self._spawner: Optional[ThreadPoolExecutor] = None
         self._started: list[subprocess.Popen] = []
+        self.board = dict(device_image.BOARD)
+        """Who the device is; change it with `set_board`."""
         self.requests_fd = -1
         """Readable when a program of the device asked for a reboot: one line "reboot" each."""
 
@@ -138,6 +140,7 @@ class Device:
             "status_fd": status_fd, "lifeline_fd": lifeline_fd,
             "tmpfs": device_image.VOLATILE, "binds": binds,
             "folders": ["/mnt/flash/config", "/etc/velmora"],
+            "files": device_image.device_files(self._trusted, self.board),
             "files": [*device_image.device_files(self._trusted, *banks.boot(self.folder / "flash")),
                       *({"path": path, "text": text, "mode": 0o644}
                         for path, text in self._files.items())],
@@ -343,6 +346,12 @@ class Device:
             os.close(folder)
 
     # -- recorded tools ---------------------------------------------------------------------
+
+    def set_board(self, **facts: Any) -> None:
+        """Changes facts of the device such as sku=4, for good."""
+        self.board.update(facts)
+        if self._pid:
+            self.write_text(device_image.BOARD_FILE, json.dumps(self.board) + "\n")
 
     def records(self, name: str) -> list[list[str]]:
         """The calls of a recorded tool so far, each as its list of arguments."""

@@ -16,7 +16,8 @@ _REPOSITORY = Path(__file__).resolve().parent.parent
 HOSTNAME = "quill-lab"
 SERIAL_NUMBER = "QL-0042-7781"
 SOFTWARE_VERSION = "4.2.1"
-BOARD = {
+BOARD_FILE = "/etc/velmora/board.json"
+BOARD: dict[str, Any] = {
     "sku": 6,
     "deviceModel": "Strata SA",
     "serialNumber": SERIAL_NUMBER,
@@ -93,6 +94,12 @@ def _recorder(name: str) -> dict[str, Any]:
     return _file(RECORDED_TOOLS[name], text, 0o755)
 
 
+def device_files(trusted: dict[str, str], board: dict[str, Any]) -> list[dict[str, Any]]:
+    """All files of a fresh device; `trusted` maps file names in "/etc/ssl/certs" to PEM texts,
+    `board` is who the device is."""
+    files = [
+        _file("/etc/version", f"NAME=quill\nVERSION={SOFTWARE_VERSION}\n"),
+        _file(BOARD_FILE, json.dumps(board) + "\n"),
 def device_files(trusted: dict[str, str], active: str = SOFTWARE_VERSION,
                  standby: str = BOARD["otherVersion"]) -> list[dict[str, Any]]:
     """All files of a device that has just started with this firmware; `trusted` maps file names in

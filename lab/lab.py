@@ -20,6 +20,9 @@ from lab.configd import ConfigDaemon
 from lab.controller import Controller
 from lab.device import REPOSITORY, Device, require_root
 from lab.dhcp import Dhcp
+from lab.echo import NAME as ECHO_NAME
+from lab.echo import ADDRESS as ECHO_ADDRESS
+from lab.echo import Echo
 from lab.filestore import FileStore
 from lab.firmware import KEY_FILE, Firmware
 from lab.journal import Event, Journal
@@ -29,6 +32,7 @@ from lab.names import Names
 from lab.network import Network
 from lab.onboarding import Onboarding
 from lab.programs import Programs
+from lab.radio import Radio
 from lab.rawpeer import RawPeer
 from lab.reports import Reports
 from lab.shownstatus import PATH as STATUS_FILE
@@ -92,7 +96,7 @@ class Lab:
         self.world = World(self.network.world_fd, self._problem)
         self._step("starting the services", self.world.start, self.world.stop)
         leaf = self.authority.leaf([names_module.CLOUD_HOST, names_module.CONTROLLER_HOST])
-        self.names = Names(self.world)
+        self.names = Names(self.world, {ECHO_NAME: ECHO_ADDRESS})
         self.onboarding = Onboarding(self.world, self.journal, Certificates(leaf))
         self.controller = Controller(self.world, self.journal, Certificates(leaf))
         self.rawpeer = RawPeer(self.world, self.journal, Certificates(leaf))
@@ -105,6 +109,8 @@ class Lab:
         self.journal.subscribe(self.reports.listen)
         self.programs = Programs(self.device, self.controller.forwarded)
         self.wifid = Wifid(self.world, self.journal, self.device)
+        self.radio = Radio(self.world, self.journal, self.device)
+        self.echo = Echo(self.world, self.journal)
         self.dhcp = Dhcp(self.world, self.journal, self.device, self.network)
         self.shown = ShownStatus(self.world, self.journal, self.device)
         self.log = LogFile(self.world, self.journal, self.device)
@@ -119,6 +125,8 @@ class Lab:
         self._undo.append(self.lldpd.stop)
         self._undo.append(self.files.stop)
         self._step("  Wi-Fi daemon", self.wifid.start, self.wifid.stop)
+        self._step("", self.radio.start, self.radio.stop)
+        self._step("  far host", self.echo.start, self.echo.stop)
         self._undo.append(self.dhcp.stop)
         self._step("", self.log.start, self.log.stop)
         self._step("", self.shown.start, self.shown.stop)
@@ -180,6 +188,7 @@ class Lab:
         self.journal.note("rebooting")
         self.supervisor.abandon()
         self.wifid.stop()
+        self.radio.stop()
         self.shown.stop()
         self.device.reboot()
         self.scmd.stop()  # it went down with the device
@@ -187,6 +196,7 @@ class Lab:
         self.supervisor.abandoned()
         self._install_helpers()
         self.wifid.start()
+        self.radio.start()
         self.dhcp.rebooted()
         self.shown.start()
         self.journal.note("rebooted")

@@ -63,6 +63,10 @@ def describe(event: Event) -> Optional[tuple[str, str]]:
                           + f": {short(event['text'])}"),
         "wifid-said": lambda: ("in", "agent <--- wifid " + _WIFID_SAYS.get(event["dest"], "?")
                                + f": {short(event['text'])}"),
+        "scan-request": lambda: ("out", "agent ---> wifid: scan"),
+        "echo-request": lambda: ("note", f"agent ---> ping {event['sequence']} to the far host: "
+                                 + ("lost" if event["fate"] is None
+                                    else f"answered after {event['fate'] * 1000:.0f} ms")),
         "dhcp": lambda: ("note", f"DHCP: {event['text']}"),
         "status": lambda: ("state", f'status: "{short(event["text"])}"'),
         "agent-started": lambda: ("state", f"agent started (pid {event['pid']}, "

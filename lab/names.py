@@ -23,10 +23,11 @@ _RELOAD_SECONDS = 5.0
 class Names:
     """A name server at the world's address; names come and go while it runs."""
 
-    def __init__(self, world: World) -> None:
+    def __init__(self, world: World, more: Optional[dict[str, str]] = None) -> None:
+        """`more` are names with addresses of their own."""
         self._world = world
         self._addresses = {CLOUD_HOST: network.WORLD_ADDRESS,
-                           CONTROLLER_HOST: network.WORLD_ADDRESS}
+                           CONTROLLER_HOST: network.WORLD_ADDRESS, **(more or {})}
         self._unanswered: set[str] = set()
         self._folder: Optional[Path] = None
         self._process: Optional[subprocess.Popen] = None

@@ -45,6 +45,8 @@ def _arguments() -> argparse.Namespace:
                         help="how long --until may take (default: %(default)g)")
     parser.add_argument("--faketime", default="", metavar="SPEC",
                         help='speed the agent\'s clock, for instance "+0 x10"')
+    parser.add_argument("--sku", type=int, metavar="N",
+                        help="the hardware variant: 0 to 2 can scan 5GHz, 3 to 5 2.4GHz (default: 6)")
     parser.add_argument("--dhcp", action="store_true",
                         help="give the device its address by DHCP (default: a fixed one)")
     parser.add_argument("--dhcp-url", metavar="URL",
@@ -152,6 +154,8 @@ def _run(arguments: argparse.Namespace, printer: Printer) -> int:
         lab.journal.subscribe(look)
         session = _Session(lab, printer)
         lab.wifid.registration = _WIFID_REGISTRATION
+        if arguments.sku is not None:
+            lab.device.set_board(sku=arguments.sku)
         if arguments.dhcp or arguments.dhcp_url or arguments.dhcp_domain:
             _use_dhcp(lab, arguments.dhcp_url, arguments.dhcp_domain)
         lab.start_agent(arguments.agent, arguments.agent_options or ["-d", "3"],
