@@ -10,6 +10,7 @@ import sys
 from pathlib import Path
 from typing import Any, Callable, Optional
 
+from lab.ctlprobe import PROBES
 from lab.ctlstats import STATS
 from lab.ctlupgrade import FIRMWARE
 from lab.ctlverb import BadUsage, Request, Verb, count_of
@@ -230,6 +231,7 @@ WIFID = (
          _payload("wifid-register"), _payload_arguments),
 )
 
+GROUPS: tuple[tuple[Verb, ...], ...] = (CONFIG, STATS, PROBES, DIRECTIVES, LOCAL, LOOKING, WIFID)
 GROUPS: tuple[tuple[Verb, ...], ...] = (CONFIG, FIRMWARE, STATS, DIRECTIVES, LOCAL, LOOKING,
                                   WIFID)
 GROUP_HELP = {"config": "the device's configuration", "stats": "the device's statistics",
