@@ -273,6 +273,9 @@ REGISTER = read("messages/100-register.schema.json")["examples"][0]
 STEP = "Config update in progress"
 TRAP = read("messages/699-event-trap.schema.json")["examples"][0]
 
+SCAN = read("messages/411-radio-scan-result.schema.json")["examples"][0]
+NEIGHBOUR = SCAN["neighborInfo"][0]
+
 HOSTILE_FROM_AGENT = [
     # what is wrong, the text, the member named, a piece of the reason
     ("unknown type", '{"msgType": 5}', "msgType", "unknown type"),
@@ -340,6 +343,23 @@ HOSTILE_FROM_AGENT = [
      "unknown member"),
     ("a subtype that is no custom report's",
      wire({"msgType": 424, "subType": 7, "sessId": 5, "ts": 0, "stats": {}}), "subType", "minimum"),
+    ("a scan without its band",
+     wire({"msgType": 411, "status": "Complete", "channelInfo": [], "neighborInfo": []}), "band",
+     "is missing"),
+    ("a neighbour with colons",
+     wire({**SCAN, "neighborInfo": [{**NEIGHBOUR, "bssid": "02:00:5E:10:00:01"}]}),
+     "neighborInfo[0].bssid", "does not match"),
+    ("a neighbour without a maker",
+     wire({**SCAN, "neighborInfo": [{k: v for k, v in NEIGHBOUR.items() if k != "manufacturer"}]}),
+     "neighborInfo[0].manufacturer", "is missing"),
+    ("a failed scan's code",
+     wire({"msgType": 711, "code": "InvalidInput", "message": "radio is off"}), "message",
+     "was expected"),
+    ("a latency below none", wire({"msgType": 412, "avgLatency": -2}), "avgLatency", "minimum"),
+    ("a latency in parts", wire({"msgType": 412, "avgLatency": 1.5}), "avgLatency", "not of type"),
+    ("a latency test's code",
+     wire({"msgType": 712, "code": "InternalError", "message": "Latency test already in progress"}),
+     "code", "is not one of"),
     ("a stop's own number", '{"msgType": 705, "code": "BadRequest", "message": ""}', "msgType",
      "unknown type"),
     ("short of memory for a stop", '{"msgType": 703, "code": "InternalError", "message": ""}',
@@ -395,6 +415,8 @@ TOLERATED = [
     '{"msgType": 105, "index": "3"}',
     '{"msgType": 124, "subType": "custom"}',
     '{"msgType": 124, "subType": 7}',
+    '{"msgType": 111}',
+    '{"msgType": 112, "tries": 10}',
 ]
 
 
