@@ -231,8 +231,7 @@ WIFID = (
          _payload("wifid-register"), _payload_arguments),
 )
 
-GROUPS: tuple[tuple[Verb, ...], ...] = (CONFIG, STATS, PROBES, DIRECTIVES, LOCAL, LOOKING, WIFID)
-GROUPS: tuple[tuple[Verb, ...], ...] = (CONFIG, FIRMWARE, STATS, DIRECTIVES, LOCAL, LOOKING,
-                                  WIFID)
+GROUPS: tuple[tuple[Verb, ...], ...] = (CONFIG, FIRMWARE, STATS, PROBES, DIRECTIVES, LOCAL, LOOKING,
+                                        WIFID)
 GROUP_HELP = {"config": "the device's configuration", "stats": "the device's statistics",
               "wifid": "the device's Wi-Fi daemon and its talk with the controller"}

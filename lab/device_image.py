@@ -94,19 +94,13 @@ def _recorder(name: str) -> dict[str, Any]:
     return _file(RECORDED_TOOLS[name], text, 0o755)
 
 
-def device_files(trusted: dict[str, str], board: dict[str, Any]) -> list[dict[str, Any]]:
-    """All files of a fresh device; `trusted` maps file names in "/etc/ssl/certs" to PEM texts,
-    `board` is who the device is."""
-    files = [
-        _file("/etc/version", f"NAME=quill\nVERSION={SOFTWARE_VERSION}\n"),
-        _file(BOARD_FILE, json.dumps(board) + "\n"),
-def device_files(trusted: dict[str, str], active: str = SOFTWARE_VERSION,
-                 standby: str = BOARD["otherVersion"]) -> list[dict[str, Any]]:
+def device_files(trusted: dict[str, str], board: dict[str, Any],
+                 active: str = SOFTWARE_VERSION) -> list[dict[str, Any]]:
     """All files of a device that has just started with this firmware; `trusted` maps file names in
-    "/etc/ssl/certs" to PEM texts."""
+    "/etc/ssl/certs" to PEM texts, `board` is who the device is."""
     files = [
         _file("/etc/version", f"NAME=quill\nVERSION={active}\n"),
-        _file("/etc/velmora/board.json", json.dumps({**BOARD, "otherVersion": standby}) + "\n"),
+        _file(BOARD_FILE, json.dumps(board) + "\n"),
         _file("/etc/hostname", HOSTNAME + "\n"),
         _file("/etc/hosts", f"127.0.0.1 localhost\n127.0.1.1 {HOSTNAME}\n"),
         _file("/etc/nsswitch.conf", "passwd: files\ngroup: files\nhosts: files dns\n"),

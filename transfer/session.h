@@ -47,8 +47,8 @@ int session_header(curl_list_ptr *list, const std::string &line);
 /* How a failure of libcurl's ends the program, or 0 when another try may help. */
 int session_final_status(CURLcode result);
 
-/* The failure for people: libcurl's own words, or ours where they are no help. `redirected`: the last answer was
- * a redirect. */
+/* The failure for people: libcurl's own words, or ours where they are no help. `redirected`: the last answer
+ * was a redirect. */
 std::string session_reason(CURLcode result, const char *error, bool redirected);
 
 /* Null when the URL is one that may be used, or what is wrong with it. */
