@@ -81,18 +81,27 @@ int child_kill(const piped_child &child)
         errno = ESRCH;
         return -1;
     }
-    return kill(-child.pid, SIGKILL);
+    int group = kill(-child.pid, SIGKILL);
+    return kill(child.pid, SIGKILL) == 0 || group == 0 ? 0 : -1;
 }
 
-child_state child_poll(piped_child &child, int *status)
+/* Looks only: once reaped, the number of its group may be another's. */
+static child_state look(const piped_child &child)
 {
     siginfo_t ended = {};
-    /* Only looked at first: once reaped, the number of its group may be another's. */
     if (child.pid <= 0 ||
         waitid(P_PID, static_cast<id_t>(child.pid), &ended, WEXITED | WNOHANG | WNOWAIT) != 0)
         return CHILD_LOST;
-    if (ended.si_pid == 0)
-        return CHILD_RUNNING;
+    return ended.si_pid == 0 ? CHILD_RUNNING : CHILD_REAPED;
+}
+
+bool child_has_ended(const piped_child &child) { return look(child) != CHILD_RUNNING; }
+
+child_state child_poll(piped_child &child, int *status)
+{
+    child_state state = look(child);
+    if (state != CHILD_REAPED)
+        return state;
     (void)child_kill(child);
     if (waitpid(child.pid, status, 0) != child.pid)
         return CHILD_LOST;

@@ -47,7 +47,11 @@ enum child_output {
 /* Reads what is there, `length` bytes with a NUL after them. The bytes may hold NULs. */
 child_output child_read(const piped_child &child, char (&buffer)[CHILD_READ_SIZE + 1], size_t &length);
 
-/* Sends signal 9 to the program and all of its group. Returns 0, or -1 with errno. */
+/* Whether the program has ended, or there is nothing to wait for. It is not reaped. */
+bool child_has_ended(const piped_child &child);
+
+/* Sends signal 9 to the program, whatever group it is in, and to all of the group that it was started in.
+ * Returns 0, or -1 with errno. */
 int child_kill(const piped_child &child);
 
 /* What child_poll found. */

@@ -197,6 +197,30 @@ TEST_F(piped, it_inherits_no_descriptor_and_default_signals)
     close(kept);
 }
 
+TEST_F(piped, whether_it_has_ended_is_seen_without_reaping_it)
+{
+    EXPECT_TRUE(child_has_ended(child)) << "there is none";
+    start_shell("read line");
+    EXPECT_FALSE(child_has_ended(child));
+    kill(child.pid, SIGKILL);
+    EXPECT_TRUE(run_loop_until([] { return child_has_ended(child); }));
+    EXPECT_TRUE(child_has_ended(child));
+    EXPECT_EQ(child_poll(child, nullptr), CHILD_REAPED);
+}
+
+TEST_F(piped, one_that_has_left_its_group_is_killed)
+{
+    /* It joins the group of a child of its own, which ends after it. */
+    start({"perl", "-e",
+           "$me = $$; if (!($c = fork)) { select(undef, undef, undef, 0.05) while getppid == $me; exit }"
+           "setpgrp($c, $c); setpgrp(0, $c); syswrite(STDOUT, 'out'); sleep 1000"});
+    EXPECT_TRUE(run_loop_until([] { return output == "out"; }));
+    EXPECT_NE(getpgid(child.pid), child.pid);
+    EXPECT_EQ(child_kill(child), 0);
+    child_wait(child);
+    EXPECT_EQ(child.pid, 0);
+}
+
 TEST_F(piped, killing_nobody_fails)
 {
     errno = 0;
