@@ -96,10 +96,16 @@ void send_ts_data_cb(void *)
     if (da.state != DA_STATE_CONNECTED) {
         LOG(LOG_TRACE, "%s: Device disconnected, trash the ts data", "send_ts_data_cb");
         ts_data[0] = '\0';
+        /* Nobody will ever hear of it: without this timer what it says goes nowhere, after a reconnect too.
+         */
+        if (exec_running && ts_mode == TS_FOR_CONTROLLER)
+            (void)call_hook(hooks.abort_exec_cmd, nullptr, nullptr);
         return;
     }
+    /* A command that has meanwhile begun for the front end is none of the controller's. */
+    const bool more_to_come = exec_running && ts_mode == TS_FOR_CONTROLLER;
     if (!ts_data[0]) {
-        if (exec_running) {
+        if (more_to_come) {
             timer_arm(send_ts_data, SEND_PERIOD);
             return;
         }
@@ -111,7 +117,7 @@ void send_ts_data_cb(void *)
     /* The rest of a character that a read cut in two is still to come, as long as the command runs. */
     size_t length = strlen(ts_data);
     size_t whole = utf8_whole(ts_data, length);
-    if (!exec_running || whole == 0)
+    if (!more_to_come || whole == 0)
         whole = length;
     if (send_periodically(std::string(ts_data, whole), "InProgress"))
         memmove(ts_data, ts_data + whole, length - whole + 1);

@@ -32,7 +32,7 @@ int send_exec_cmd_output(const char *text, const char *status);
 
 /*
  * "SEND TS DATA", every second: sends what was gathered; when the command has ended and nothing is left,
- * "Complete", and that ends the timer. A lost connection ends it too.
+ * "Complete", and that ends the timer. A lost connection ends it too, and the command with it.
  */
 void send_ts_data_cb(void *name);
 
