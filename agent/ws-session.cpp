@@ -164,6 +164,7 @@ static int on_receive(lws *wsi, const char *in, size_t len)
 
 static int on_writable(void)
 {
+    log_file_only quiet; /* a streamed line about sending would be sent, and so on */
     LOG(LOG_TRACE, "%s: LWS_CALLBACK_CLIENT_WRITEABLE", self);
     if (ws.closing) /* data behind a close frame would break the protocol */
         return 0;
