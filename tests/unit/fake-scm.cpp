@@ -29,7 +29,21 @@ char *scm_process_device_native_config(const json_t *native_or_null, int overwri
 }
 }
 
-/* Messages of one's own: nobody answers. */
-extern "C" char *scm_send_and_recv(const char *) { return nullptr; }
+extern "C" {
 
-extern "C" char *scm_parse_action_rsp(const char *) { return strdup("Configuration daemon not available"); }
+int scm_process_config_set_item(const char *name, const char *value)
+{
+    scm.calls.push_back(std::string("set ") + name + "=" + value);
+    return scm.set_result;
+}
+
+char *scm_build_msg_no_payload(const char *type) { return strdup(type); }
+
+char *scm_send_and_recv(const char *message)
+{
+    scm.calls.push_back(std::string("send ") + message);
+    return scm.reply.empty() ? nullptr : strdup(scm.reply.c_str());
+}
+
+char *scm_parse_action_rsp(const char *) { return strdup("Configuration daemon not available"); }
+}
