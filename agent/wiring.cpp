@@ -11,12 +11,14 @@
 #include "agent/state-idle.h"
 #include "agent/ws-session.h"
 #include "operations/config-restore.h"
+#include "operations/exec-cmd.h"
 #include "operations/front-end-requests.h"
 #include "operations/fw-download.h"
 #include "operations/log-stream.h"
 #include "operations/radio-scan.h"
 #include "operations/upgrade-state.h"
 #include "operations/wifid-listener.h"
+#include "operations/wifiperf.h"
 #include "platform/event-trap.h"
 #include "platform/front-end.h"
 #include "platform/heartbeat.h"
@@ -48,6 +50,11 @@ void install_hooks(void)
     hooks.platform_cancel_cfg_restore = platform_cancel_cfg_restore;
     hooks.platform_restore_cfg = platform_restore_cfg;
 
+    /* troubleshooting commands */
+    hooks.parse_exec_cmd = parse_exec_cmd;
+    hooks.start_exec_cmd = start_exec_cmd;
+    hooks.abort_exec_cmd = abort_exec_cmd;
+    hooks.stop_wifiperf = stop_running_wifiperf;
     /* software upgrade: told in REGISTER, and ended by it */
     hooks.sw_update_state = platform_get_upgrade_status;
     hooks.stop_fw_dl_process = stop_fw_dl_process;

@@ -12,6 +12,7 @@
 #include "agent/hooks.h"
 #include "agent/local-socket.h"
 #include "agent/owners.h"
+#include "agent/text.h"
 #include "platform/front-end.h"
 #include "protocol/error-codes.h"
 #include "protocol/received.h"
@@ -63,7 +64,8 @@ void fcgi_close_client(bool abort_command)
 static void exec_cmd(const json_t *request)
 {
     LOG(LOG_TRACE, "%s: MSG_EXEC_CMD received", "fcgi_recv_cb");
-    char refusal[ERROR_STRING_SIZE] = "Command execution is not available";
+    char refusal[ERROR_STRING_SIZE];
+    copy_text(refusal, hooks.parse_exec_cmd ? "" : "Command execution is not available");
     if (!hooks.parse_exec_cmd || hooks.parse_exec_cmd(request, refusal) != NO_ERROR) {
         LOG(LOG_FAILURE, "Exec command failure : %s", refusal);
         fcgi_close_client(true);

@@ -11,12 +11,14 @@
 #include "agent/text.h"
 #include "operations/config-pull.h"
 #include "operations/config-update.h"
+#include "operations/exec-cmd.h"
 #include "operations/latency.h"
 #include "operations/radio-scan.h"
 #include "operations/sw-upgrade.h"
 #include "operations/tech-support.h"
 #include "platform/connection-status.h"
 #include "platform/locate.h"
+#include "protocol/command-output.h"
 #include "protocol/device-info.h"
 #include "protocol/directives.h"
 #include "protocol/error-codes.h"
@@ -24,6 +26,7 @@
 #include "protocol/message.h"
 #include "protocol/received.h"
 #include "protocol/register.h"
+#include "protocol/replies.h"
 #include "protocol/wifid-payload.h"
 #include "stats/stats-json-parse.h"
 #include "stats/stats-timers.h"
@@ -102,6 +105,37 @@ static int custom_stats(const json_t *obj, char *error_text)
     return parse_build_on_demand_stats(obj, error_text, STATS_CUSTOM);
 }
 
+/* A command that was started or stopped and has no output of its own is told by its name, which is freed. */
+static void tell_command_status(int result, char *name, int32_t done, int32_t failed)
+{
+    malloc_text owned(name);
+    if (result == EXEC_STATUS)
+        (void)send_cmd_execution_abort_status(done, name);
+    else if (result == EXEC_FAILED)
+        (void)send_cmd_execution_abort_status(failed, name);
+}
+
+static int exec_command(const json_t *obj, char *error_text)
+{
+    int status = parse_exec_cmd(obj, error_text);
+    if (status != NO_ERROR) {
+        LOG(LOG_FAILURE, "Exec command failure : %s", error_text);
+        return status;
+    }
+    char *name = nullptr;
+    int result = start_exec_cmd(obj, TS_FOR_CONTROLLER, &name);
+    tell_command_status(result, name, MSG_EXEC_CMD_RSP, MSG_EXEC_CMD_FAILURE);
+    return NO_ERROR;
+}
+
+static int exec_stop(const json_t *obj, char *)
+{
+    char *name = nullptr;
+    int result = abort_exec_cmd(obj, &name);
+    tell_command_status(result, name, MSG_EXEC_STOP_RSP, MSG_EXEC_STOP_FAILURE);
+    return NO_ERROR;
+}
+
 /* The answer is the Wi-Fi daemon's; one that does not get there is logged where it is lost. */
 static int controller_response(const json_t *obj, char *) { return handle_controller_rsp(obj); }
 
@@ -159,6 +193,8 @@ static const message_row catalogue[] = {
      "%s: MSG_CONFIG_PULL_REQUEST Complete", "ERR_BAD_REQUEST"},
     {MSG_MANAGED_INFO, LOG_TRACE, "%s:MSG_MANAGED_INFO received", parse_managed_info, 708,
      MSG_MANAGED_INFO_RSP, "%s:MSG_MANAGED_INFO Complete"},
+    {MSG_EXEC_CMD, LOG_TRACE, "%s: MSG_EXEC_CMD received", exec_command, MSG_EXEC_CMD_FAILURE, 0, nullptr},
+    {MSG_EXEC_STOP, LOG_TRACE, "%s: MSG_EXEC_STOP received", exec_stop, 0, 0, nullptr},
     {MSG_RADIO_SCAN_REQUEST, LOG_TRACE, "%s: MSG_RADIO_SCAN_REQUEST received", radio_scan, 711, 0, nullptr},
     {MSG_LATENCY_TEST, LOG_TRACE, "%s: MSG_LATENCY_TEST received", latency_test, 712, 0, nullptr},
     {MSG_TECH_SUPPORT_REQUEST, LOG_TRACE, "%s: MSG_TECH_SUPPORT_REQUEST received", tech_support, 713, 0,

@@ -16,6 +16,9 @@ enum {
     MSG_CONFIG_UPDATE_REQUEST = 106,
     MSG_CONFIG_PULL_REQUEST = 107,
     MSG_MANAGED_INFO = 108,
+    MSG_EXEC_CMD = 109,
+    MSG_EXEC_STOP = 110,
+    MSG_RADIO_SCAN_REQUEST = 111, /* from the front end only, so far */
     MSG_EXEC_CMD = 109,  /* from the front end only, so far */
     MSG_EXEC_STOP = 110, /* likewise */
     MSG_RADIO_SCAN_REQUEST = 111,

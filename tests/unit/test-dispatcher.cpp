@@ -10,6 +10,7 @@
 
 #include "operations/config-files.h"
 #include "operations/config-pull.h"
+#include "platform/station-disconnect.h"
 #include "protocol/error-codes.h"
 #include "tests/unit/connection-test.h"
 #include "tests/unit/fake-device.h"
@@ -130,6 +131,50 @@ TEST_F(dispatcher_test, unknown_types_are_logged_and_dropped)
                                " received from Orvanta"))
             << row.text;
     }
+}
+
+/* ---- 109, 110 ---- */
+
+TEST_F(dispatcher_test, a_command_that_is_refused)
+{
+    EXPECT_EQ(handle("{\"msgType\": 109, \"command\": \"sh\"}"), 1);
+    EXPECT_EQ(take_one_queued(), "{\"msgType\": 709, \"code\": \"BadRequest\", \"message\": "
+                                 "\"Trying to execute unapproved command\"}");
+    EXPECT_TRUE(was_logged("handle_orv_msg: MSG_EXEC_CMD received"));
+    EXPECT_TRUE(was_logged("Exec command failure : Trying to execute unapproved command"));
+    EXPECT_EQ(handle("{\"msgType\": 109}"), 1);
+    EXPECT_EQ(take_one_queued(), "{\"msgType\": 709, \"code\": \"BadRequest\", \"message\": "
+                                 "\"Trying to execute unapproved command\"}")
+        << "without a command the text from before stays";
+}
+
+TEST_F(dispatcher_test, a_command_without_output_is_told_by_its_name)
+{
+    sta_disconnect_cb = [](const char *) { return 0; };
+    const std::string request = "\"command\": \"disconnect-clients\", \"arguments\": {\"macs\": [\"ALL\"]}}";
+    EXPECT_EQ(handle("{\"msgType\": 109, " + request), 0);
+    EXPECT_EQ(take_one_queued(),
+              "{\"msgType\": 409, \"command\": \"disconnect-clients\", \"status\": \"Complete\"}");
+    sta_disconnect_cb = nullptr;
+    EXPECT_EQ(handle("{\"msgType\": 109, " + request), 1) << "not on a device that cannot";
+    (void)take_queued();
+}
+
+TEST_F(dispatcher_test, a_command_that_fails_is_told_by_its_name)
+{
+    EXPECT_EQ(handle("{\"msgType\": 109, \"command\": \"wifiperf\"}"), 0);
+    EXPECT_EQ(take_one_queued(), "{\"msgType\": 709, \"command\": \"wifiperf\", \"code\": \"InternalError\", "
+                                 "\"message\": \"Execution failed\"}")
+        << "there is no configuration daemon";
+}
+
+TEST_F(dispatcher_test, a_stop)
+{
+    EXPECT_EQ(handle("{\"msgType\": 110, \"command\": \"wifiperf\"}"), 0);
+    EXPECT_EQ(take_one_queued(), "{\"msgType\": 410, \"command\": \"wifiperf\", \"status\": \"Completed\"}");
+    EXPECT_EQ(handle("{\"msgType\": 110}"), 0);
+    EXPECT_EQ(take_one_queued(), "{\"msgType\": 410}");
+    EXPECT_TRUE(was_logged("handle_orv_msg: MSG_EXEC_STOP received"));
 }
 
 /* ---- 106, 107 ---- */
