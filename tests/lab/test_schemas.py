@@ -26,8 +26,8 @@ FROM_AGENT = [row for row in ROWS if row["direction"] == "to-controller"]
 FROM_CONTROLLER = [row for row in ROWS if row["direction"] == "to-agent"]
 
 
-OPTIONAL = {403: {"stats"}, 404: {"stats"}, 409: {"command", "output"}, 422: {"stats"}, 424: {"stats"},
-            699: {"varPayload"}}
+OPTIONAL = {403: {"stats"}, 404: {"stats"}, 409: {"command", "output"}, 410: {"command", "status"}, 422: {"stats"}, 424: {"stats"},
+            709: {"command"}, 699: {"varPayload"}}
 """The few members that the agent may leave out of a message."""
 
 ANY_VALUE = {116: {"ctrlrPayload"}, 118: {"ctrlrPayload"}}
@@ -362,6 +362,18 @@ HOSTILE_FROM_AGENT = [
      "code", "is not one of"),
     ("a stop's own number", '{"msgType": 705, "code": "BadRequest", "message": ""}', "msgType",
      "unknown type"),
+    ("output without a text", '{"msgType": 409, "status": "InProgress"}', "output", "is missing"),
+    ("an error with a text", '{"msgType": 409, "status": "Error", "output": ""}', "", "not be valid"),
+    ("a name with output",
+     '{"msgType": 409, "command": "wifiperf", "status": "Initiated", "output": ""}', "",
+     "not be valid"),
+    ("clients that are just being sent away",
+     '{"msgType": 409, "command": "disconnect-clients", "status": "Initiated"}', "status",
+     "was expected"),
+    ("a stop's name alone", '{"msgType": 410, "command": "wifiperf"}', "", "dependency"),
+    ("a name with a refusal",
+     '{"msgType": 709, "command": "wifiperf", "code": "BadRequest", "message": "Execution failed"}',
+     "code", "was expected"),
     ("short of memory for a stop", '{"msgType": 703, "code": "InternalError", "message": ""}',
      "code", "is not one of"),
 ]
@@ -415,6 +427,9 @@ TOLERATED = [
     '{"msgType": 105, "index": "3"}',
     '{"msgType": 124, "subType": "custom"}',
     '{"msgType": 124, "subType": 7}',
+    '{"msgType": 109, "command": "ping", "arguments": {"hostname": "a", "verbose": []}}',
+    '{"msgType": 109, "command": "ping", "arguments": null, "duration": "5"}',
+    '{"msgType": 110, "command": 5}',
     '{"msgType": 111}',
     '{"msgType": 112, "tries": 10}',
 ]
@@ -464,6 +479,9 @@ HOSTILE_FROM_CONTROLLER = [
     ("no time between", '{"msgType": 103, "stats": [{"index": 2, "interval": 0}]}',
      "stats[0].interval", "minimum"),
     ("stopping what is not there", '{"msgType": 105, "index": 9}', "index", "maximum"),
+    ("no command", '{"msgType": 109}', "command", "is missing"),
+    ("a command that is not approved", '{"msgType": 109, "command": "sh"}', "command",
+     "is not one of"),
     ("table as text", '{"msgType": 104, "stats": [{"tables": {"radio": "noise"}}]}',
      "stats[0].tables.radio", "not of type"),
 ]
