@@ -12,6 +12,7 @@ import time
 from collections.abc import Awaitable, Callable
 from typing import Any, Optional
 
+from lab import runcommands, schemas, statscommands, wificommands
 from lab import probecommands, schemas, statscommands, upgradecommands, wificommands
 from lab.controller import REGISTER, REGISTER_SUCCESS, Acceptance
 from lab.desk import BAD, GOOD, MORE, Desk, Failed, Outcome, Verdict, answers, told
@@ -253,6 +254,7 @@ COMMANDS: dict[str, Command] = {
     "log": log_line,
     "watch": watch,
     "state": state,
+    **runcommands.COMMANDS,
     **probecommands.COMMANDS,
     **statscommands.COMMANDS,
     **upgradecommands.COMMANDS,

@@ -7,6 +7,8 @@ Exit status: 0 done, 1 failed (or no lab, no device, no answer), 2 typed wrongly
 import argparse
 import json
 import os
+import signal
+import socket
 import sys
 import time
 from typing import Any, Optional, TextIO
@@ -81,7 +83,11 @@ def _place(name: Optional[str]) -> ctlplace.Place:
 
 
 def _show(what: dict[str, Any], stream: TextIO, full: bool) -> None:
-    """Prints one line of the lab's answer."""
+    """Prints one line of the lab's answer; output of the device as it is, but for control characters."""
+    if what["kind"] == "output":
+        print("".join(char if char in "\n\t" or char.isprintable() else "?"
+                      for char in what["text"]), end="", flush=True)
+        return
     if what["kind"] == "note":
         line = f"({what['text']})"
     else:
@@ -99,14 +105,35 @@ def _show(what: dict[str, Any], stream: TextIO, full: bool) -> None:
     print(line, file=stream, flush=True)
 
 
+class _Stop:
+    """The first Ctrl-C asks the lab to bring the command to an end, the second one ends us."""
+
+    def __init__(self) -> None:
+        self.asked = False
+        self._client: Optional[socket.socket] = None
+
+    def over(self, client: socket.socket) -> None:
+        """From now on, by closing our side of this connection."""
+        self._client = client
+        signal.signal(signal.SIGINT, self._interrupted)
+
+    def _interrupted(self, _number: int, _frame: Any) -> None:
+        if self.asked or self._client is None:
+            raise KeyboardInterrupt
+        self.asked = True
+        self._client.shutdown(socket.SHUT_WR)
+
+
 def _talk(place: ctlplace.Place, request: dict[str, Any], stream: TextIO,
-          full: bool) -> dict[str, Any]:
+          full: bool, stop: Optional[_Stop] = None) -> dict[str, Any]:
     """Sends the request, shows what comes, returns the end."""
     gone = _NoLab("the lab ended before it answered")
     try:
         with ctlplace.connect(place) as client, client.makefile("rw", encoding="utf-8") as lines:
             lines.write(json.dumps(request) + "\n")
             lines.flush()
+            if stop is not None:
+                stop.over(client)
             for line in lines:
                 what = json.loads(line)
                 if what["kind"] == "end":
@@ -138,8 +165,10 @@ def _run(arguments: argparse.Namespace) -> int:
     command, details = verb.request(arguments)
     stream = sys.stderr if verb.bare else sys.stdout
     request = {"command": command, "arguments": details, "timeout": arguments.timeout}
-    end = _talk(_place(arguments.lab), request, stream, arguments.full)
-    return _finish(verb, arguments, end, stream)
+    stop = _Stop() if verb.stoppable else None
+    end = _talk(_place(arguments.lab), request, stream, arguments.full, stop)
+    status = _finish(verb, arguments, end, stream)
+    return 130 if stop is not None and stop.asked else status
 
 
 def main() -> int:

@@ -33,6 +33,8 @@ class Verb:
     """Prints what a finished command has found out."""
     bare: bool = False
     """Standard output is for `output` alone: the messages go to standard error."""
+    stoppable: bool = False
+    """Ctrl-C asks the lab to bring the command to an end; what it still says is shown."""
 
 
 def count_of(text: str) -> int:

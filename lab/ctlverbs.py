@@ -10,6 +10,7 @@ import sys
 from pathlib import Path
 from typing import Any, Callable, Optional
 
+from lab.ctlrun import RUN
 from lab.ctlprobe import PROBES
 from lab.ctlstats import STATS
 from lab.ctlupgrade import FIRMWARE
@@ -231,6 +232,9 @@ WIFID = (
          _payload("wifid-register"), _payload_arguments),
 )
 
+GROUPS: tuple[tuple[Verb, ...], ...] = (CONFIG, RUN, STATS, DIRECTIVES, LOCAL, LOOKING, WIFID)
+GROUP_HELP = {"config": "the device's configuration",
+              "run": "commands on the device; Ctrl-C stops them there", "stats": "the device's statistics",
 GROUPS: tuple[tuple[Verb, ...], ...] = (CONFIG, FIRMWARE, STATS, PROBES, DIRECTIVES, LOCAL, LOOKING,
                                         WIFID)
 GROUP_HELP = {"config": "the device's configuration", "stats": "the device's statistics",

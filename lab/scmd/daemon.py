@@ -70,11 +70,19 @@ def _config_apply(_message: Message) -> Message:
     return OK
 
 
+def _action(message: Message) -> Message:
+    """What the radios are asked to do; there are none, and no clients at them."""
+    if message.get("cmd") != "delete-client" or not isinstance(message.get("mac"), str):
+        return _error("unknown action")
+    return OK
+
+
 HANDLERS: dict[str, Callable[[Message], Message]] = {
     "DEVICE-JSON-CONFIG": _device_json_config,
     "DEVICE-NATIVE-CONFIG": _device_native_config,
     "CONFIG-SET": _config_set,
     "CONFIG-APPLY": _config_apply,
+    "ACTION-REQ": _action,
     faults.STATISTICS: request.answer,
 }
 
