@@ -12,8 +12,8 @@ import time
 from collections.abc import Awaitable, Callable
 from typing import Any, Optional
 
-from lab import runcommands, schemas, statscommands, wificommands
-from lab import probecommands, schemas, statscommands, upgradecommands, wificommands
+from lab import (probecommands, runcommands, schemas, statscommands, upgradecommands,
+                 wificommands)
 from lab.controller import REGISTER, REGISTER_SUCCESS, Acceptance
 from lab.desk import BAD, GOOD, MORE, Desk, Failed, Outcome, Verdict, answers, told
 from lab.localcommands import log_line, raise_event

@@ -232,10 +232,8 @@ WIFID = (
          _payload("wifid-register"), _payload_arguments),
 )
 
-GROUPS: tuple[tuple[Verb, ...], ...] = (CONFIG, RUN, STATS, DIRECTIVES, LOCAL, LOOKING, WIFID)
+GROUPS: tuple[tuple[Verb, ...], ...] = (CONFIG, FIRMWARE, RUN, STATS, PROBES, DIRECTIVES, LOCAL,
+                                        LOOKING, WIFID)
 GROUP_HELP = {"config": "the device's configuration",
               "run": "commands on the device; Ctrl-C stops them there", "stats": "the device's statistics",
-GROUPS: tuple[tuple[Verb, ...], ...] = (CONFIG, FIRMWARE, STATS, PROBES, DIRECTIVES, LOCAL, LOOKING,
-                                        WIFID)
-GROUP_HELP = {"config": "the device's configuration", "stats": "the device's statistics",
               "wifid": "the device's Wi-Fi daemon and its talk with the controller"}

@@ -18,9 +18,6 @@ enum {
     MSG_MANAGED_INFO = 108,
     MSG_EXEC_CMD = 109,
     MSG_EXEC_STOP = 110,
-    MSG_RADIO_SCAN_REQUEST = 111, /* from the front end only, so far */
-    MSG_EXEC_CMD = 109,  /* from the front end only, so far */
-    MSG_EXEC_STOP = 110, /* likewise */
     MSG_RADIO_SCAN_REQUEST = 111,
     MSG_LATENCY_TEST = 112,
     MSG_TECH_SUPPORT_REQUEST = 113,

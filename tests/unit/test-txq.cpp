@@ -293,24 +293,6 @@ TEST_F(txq_test, serving_an_empty_queue_does_nothing_but_clear_in_writable)
     EXPECT_EQ(logged().size(), 0u);
 }
 
-/* A producer that runs inside the writable callback. */
-TEST_F(txq_test, a_message_from_inside_the_writable_callback_leaves_at_once)
-{
-    in_library([] {});
-    send("first");
-    hooks.append_logs = [](const char *line) {
-        static bool once;
-        if (!once && std::string(line).find("LWS_CALLBACK_CLIENT_WRITEABLE") != std::string::npos) {
-            once = true;
-            in_writable = 1;
-            write_to_orv("second", 6, 0);
-        }
-    };
-    in_library([] {});
-    EXPECT_EQ(fake_wire_text(), "1:first 1:second");
-    EXPECT_EQ(txq_depth, 0);
-}
-
 /* ---- depth and purge ---- */
 
 TEST_F(txq_test, six_queued_frames_produce_the_depth_log_after_a_send)
