@@ -11,7 +11,10 @@ static std::string output_of(const std::string &lines)
     install_program(PROGRAMS "fw_dl", lines);
     clear_log();
     start_fw_dl_process(SOME_URL);
-    EXPECT_TRUE(run_until([] { return was_logged("fw_dl process exited."); }, 100000));
+    EXPECT_TRUE(comes_true([] {
+        ev_main();
+        return was_logged("fw_dl process exited.");
+    }));
     std::string output;
     for (const std::string &line : logged())
         if (line.compare(0, 20, "wifi.c:HTTPS_fw_dl: ") == 0)
