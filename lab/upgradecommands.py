@@ -30,9 +30,17 @@ Events = "asyncio.Queue[Event]"
 
 # -- upgrade --------------------------------------------------------------------------------
 
+def _open_store(lab: Lab) -> None:
+    """Starts what serves images and takes uploads."""
+    try:
+        lab.files.start()
+    except FileNotFoundError as error:  # a server program that is not installed
+        raise Failed(str(error)) from None
+
+
 def _offer(lab: Lab, version: str, fault: Optional[str]) -> str:
     """Makes an image, puts it where the device can fetch it, and returns the URL."""
-    lab.files.start()
+    _open_store(lab)
     image = lab.firmware.image(version, fault=fault if fault in FAULTS else None)
     return lab.files.serve(f"fw-{version}.img", image)
 
@@ -160,7 +168,7 @@ async def support_archive(desk: Desk, name: str = "") -> Outcome:
     desk.connection()
     name = name or time.strftime("support-%Y%m%d-%H%M%S.tar.gz")
     async with desk.turn(_SECONDS):
-        await asyncio.to_thread(desk.lab.files.start)
+        await asyncio.to_thread(_open_store, desk.lab)
         url = desk.lab.files.upload_url(name)
         event = await _uploaded(desk, url, name)
     path = desk.lab.files.uploaded_path(name)
