@@ -8,7 +8,8 @@ import pytest
 from expect import CLOUD, board, fence, onboarding_request, until
 
 HEARTBEAT = "/tmp/heartbeat_device-agent"
-OF_THE_DEVICE = {"/mnt/flash/config/config.txt", "/mnt/flash/config/db.json"}
+OF_THE_DEVICE = {"/mnt/flash/config/config.txt", "/mnt/flash/config/db.json", "/mnt/flash/boot",
+                 "/mnt/flash/bank-a/version", "/mnt/flash/bank-b/version"}
 USAGE = "Usage: device-agent [-d <log level>] [-h]"
 
 
