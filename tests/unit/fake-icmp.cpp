@@ -50,6 +50,10 @@ ssize_t __real_sendto(int fd, const void *bytes, size_t length, int flags, const
                       socklen_t size);
 ssize_t __wrap_sendto(int fd, const void *bytes, size_t length, int flags, const struct sockaddr *to,
                       socklen_t size);
+ssize_t __real_recvfrom(int fd, void *bytes, size_t length, int flags, struct sockaddr *from,
+                        socklen_t *size);
+ssize_t __wrap_recvfrom(int fd, void *bytes, size_t length, int flags, struct sockaddr *from,
+                        socklen_t *size);
 int __real_setsockopt(int fd, int level, int name, const void *value, socklen_t size);
 int __wrap_setsockopt(int fd, int level, int name, const void *value, socklen_t size);
 struct protoent *__wrap_getprotobyname(const char *name);
@@ -89,6 +93,15 @@ ssize_t __wrap_sendto(int fd, const void *bytes, size_t length, int flags, const
     icmp.targets.push_back(std::string(inet_ntoa(target->sin_addr)) + ":" +
                            std::to_string(ntohs(target->sin_port)));
     return static_cast<ssize_t>(length);
+}
+
+ssize_t __wrap_recvfrom(int fd, void *bytes, size_t length, int flags, struct sockaddr *from, socklen_t *size)
+{
+    if (fd == near_end && icmp.refuse_reading) {
+        errno = icmp.refuse_reading;
+        return -1;
+    }
+    return __real_recvfrom(fd, bytes, length, flags, from, size);
 }
 
 int __wrap_setsockopt(int fd, int level, int name, const void *value, socklen_t size)

@@ -1,6 +1,7 @@
 /*
  * A raw ICMP socket that is a pair of local ones, with the test at its other end, and a resolver that knows
- * what the test says. The test program wraps socket, sendto, setsockopt, getprotobyname and gethostbyname.
+ * what the test says. The test program wraps socket, sendto, recvfrom, setsockopt, getprotobyname and
+ * gethostbyname.
  */
 #pragma once
 
@@ -11,6 +12,7 @@
 struct fake_icmp {
     int refuse = 0;         /* errno with which the raw socket is refused, 0: it is not */
     int refuse_sending = 0; /* likewise for sending */
+    int refuse_reading = 0; /* and for reading */
     bool knows_icmp = true; /* getprotobyname finds the protocol */
     std::map<std::string, std::string> names = {{"host.example", "192.0.2.9"}};
 
