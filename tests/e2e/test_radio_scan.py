@@ -282,8 +282,12 @@ def test_someone_logged_in_scans(able, binary):
     assert lines[3].split()[0] == "36" and len(lines) == 3 + 16 + 2 + there
     report = json.loads(ctl.run("scan", "--json", "5GHz").stdout)
     assert [row["channel"] for row in report["channelInfo"]][:3] == [36, 40, 44]
-    able.radio.misbehave(result([CHANNEL] * 255, [neighbour(f"network {n}") for n in range(255)]))
-    assert ctl.run("scan", "5GHz").stdout.splitlines()[-1].endswith(" network 254")
+    longest = [neighbour("\x01" * 32, "\x02" * 34)] * 254 + [neighbour("the last one")]
+    able.radio.misbehave(result([CHANNEL] * 255, longest))
+    done = ctl.run("scan", "5GHz")
+    assert done.returncode == 0, "130 KB in one packet"
+    assert done.stdout.splitlines()[-1].endswith(" the last one")
+    assert done.stdout.count("?" * 32 + "\n") == 254
     assert able.controller.messages(411) == []
 
 
