@@ -348,7 +348,8 @@ class Device:
     # -- recorded tools ---------------------------------------------------------------------
 
     def set_board(self, **facts: Any) -> None:
-        """Changes facts of the device such as sku=4, for good."""
+        """Changes facts of the device such as sku=4, for good (but for the standby image's version,
+        which is that of the other bank whenever the device starts)."""
         self.board.update(facts)
         if self._pid:
             self.write_text(device_image.BOARD_FILE, json.dumps(self.board) + "\n")

@@ -20,8 +20,8 @@ from lab.configd import ConfigDaemon
 from lab.controller import Controller
 from lab.device import REPOSITORY, Device, require_root
 from lab.dhcp import Dhcp
-from lab.echo import NAME as ECHO_NAME
 from lab.echo import ADDRESS as ECHO_ADDRESS
+from lab.echo import NAME as ECHO_NAME
 from lab.echo import Echo
 from lab.filestore import FileStore
 from lab.firmware import KEY_FILE, Firmware
