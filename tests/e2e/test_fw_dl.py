@@ -48,7 +48,7 @@ def test_an_image_arrives_from_nginx(helpers, transfer_lab):
 def test_nginx_dies_and_comes_back(helpers, transfer_lab):
     files = transfer_lab.files
     files.serve("slow.img", DATA)
-    running = helpers.start_fw_dl(files.url("slow.img", rate="200k"), clock="+0 x20")
+    running = helpers.start_fw_dl(files.url("slow.img", rate="400k"), clock=FASTER)
     running.wait_line("%)")
     files.kill()
     running.wait_line("trying again in")

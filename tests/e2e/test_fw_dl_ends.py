@@ -49,7 +49,7 @@ def test_a_signal_stops_it_and_is_reported(helpers, under_way, number):
     begun = time.monotonic()
     under_way.signal(number)
     ended = under_way.end()
-    assert time.monotonic() - begun < 5
+    assert time.monotonic() - begun < 20
     assert ended.status == 128 + number
     assert reason(ended).startswith("stopped by a signal: ")
     assert helpers.names() == set() and helpers.held_bytes() < 98_304
@@ -205,7 +205,7 @@ def test_a_signal_cuts_the_patience_short(helpers, rude):
     running = helpers.start_fw_dl(URL, clock="")
     running.wait_line("complete: ")
     running.signal(signal.SIGTERM)
-    running.process.wait(timeout=5)
+    running.process.wait(timeout=20)
     assert running.process.returncode == 128 + signal.SIGTERM
     assert helpers.names() == set() and set(helpers.events.take()) == {b"filling"}
 

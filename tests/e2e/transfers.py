@@ -17,11 +17,12 @@ from toolbox import SANITIZERS
 
 IMAGE = "/tmp/firmware"
 EVENTS = "/tmp/heron_event_sock"
-FAST = "+0 x10"
-"""Their clock in most tests. Their patience with a server shrinks, too: 30 seconds for a connection are
-3 of a busy machine's."""
-FASTER = "+0 x20"
-_SECONDS = 30.0
+FAST, FASTER = "+0 x5", "+0 x15"
+"""Their clock in most tests, and where a server stalls. Their patience with a connection shrinks, too:
+30 seconds are 6, or 2, of a machine that may be busy; a try that fails so is one more try."""
+IN_A_HURRY = "+0 x100"
+"""Their clock where all tries are in vain, some perhaps for that reason."""
+_SECONDS = 60.0
 
 
 class EventSocket:
@@ -79,6 +80,11 @@ class Ended:
     status: int
     lines: list[str]
     reports: list[bytes]
+
+    @property
+    def tries(self) -> int:
+        """How often it has tried."""
+        return 1 + sum("trying again in" in line for line in self.lines)
 
     @property
     def report(self) -> str:
