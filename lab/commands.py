@@ -12,7 +12,6 @@ import time
 from collections.abc import Awaitable, Callable
 from typing import Any, Optional
 
-from lab import probecommands, schemas, statscommands, upgradecommands, wificommands
 from lab import (probecommands, runcommands, schemas, statscommands, upgradecommands,
                  wificommands)
 from lab.controller import REGISTER, REGISTER_SUCCESS, Acceptance

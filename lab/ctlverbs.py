@@ -232,9 +232,6 @@ WIFID = (
          _payload("wifid-register"), _payload_arguments),
 )
 
-GROUPS: tuple[tuple[Verb, ...], ...] = (CONFIG, FIRMWARE, STATS, PROBES, DIRECTIVES, LOCAL, LOOKING,
-                                       WIFID)
-GROUP_HELP = {"config": "the device's configuration", "stats": "the device's statistics",
 GROUPS: tuple[tuple[Verb, ...], ...] = (CONFIG, FIRMWARE, RUN, STATS, PROBES, DIRECTIVES, LOCAL,
                                         LOOKING, WIFID)
 GROUP_HELP = {"config": "the device's configuration",

@@ -25,10 +25,10 @@ inline void install_program(const std::string &path, const std::string &lines)
     chmod(path.c_str(), 0755);
 }
 
-/* Waits in real time, while the agent's clock stands; false when it does not come true in ten seconds. */
+/* Waits in real time, while the agent's clock stands; false when it does not come true in half a minute. */
 inline bool comes_true(const std::function<bool()> &condition)
 {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
     while (!condition()) {
         if (std::chrono::steady_clock::now() > deadline)
             return false;

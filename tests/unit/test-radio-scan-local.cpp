@@ -5,6 +5,10 @@
 #include "protocol/error-codes.h"
 #include "tests/unit/radio-scan-test.h"
 
+/* A refusal ends whatever command runs, and says so even where none does. */
+#define COMMAND_ENDED R"({"msgType": 409, "status": "Complete", "output": ""})"
+#define COMMAND_STOPPED R"({"msgType": 410})"
+
 class radio_scan_local : public radio_scan {
 protected:
     void SetUp() override
@@ -65,8 +69,9 @@ TEST_F(radio_scan_local, failures_go_to_the_front_end)
     EXPECT_EQ(page.hear(), failure("Failed to send start scan message"));
     page.ask("5ghz");
     EXPECT_EQ(page.hear(), failure("Invalid band specified")) << "with another code than the controller's";
+    EXPECT_EQ(page.hear(), COMMAND_ENDED);
     EXPECT_EQ(page.hear(), "(closed)");
-    EXPECT_EQ(txq, nullptr);
+    EXPECT_EQ(take_queued(), std::vector<std::string>{COMMAND_STOPPED});
 }
 
 TEST_F(radio_scan_local, a_front_end_that_has_gone)
@@ -89,7 +94,9 @@ TEST_F(radio_scan_local, a_front_end_that_is_refused_while_the_controller_scans)
     client page;
     page.ask("5GHz");
     EXPECT_EQ(page.hear(), failure("Radio scan already in progress, please wait"));
+    EXPECT_EQ(page.hear(), COMMAND_ENDED);
     EXPECT_EQ(page.hear(), "(closed)");
+    EXPECT_EQ(take_queued(), std::vector<std::string>{COMMAND_STOPPED});
     reply(scan_header(1, 0, 0));
     EXPECT_EQ(take_queued().size(), 1u) << "the controller's result";
 }
