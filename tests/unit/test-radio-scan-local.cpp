@@ -100,3 +100,17 @@ TEST_F(radio_scan_local, a_front_end_that_is_refused_while_the_controller_scans)
     reply(scan_header(1, 0, 0));
     EXPECT_EQ(take_queued().size(), 1u) << "the controller's result";
 }
+
+/* The refusal closes the connection that the result would have gone to. */
+TEST_F(radio_scan_local, a_second_request_turns_the_result_to_the_controller)
+{
+    client page;
+    page.ask("5GHz");
+    EXPECT_EQ(daemon.request(), std::string(12, '\0'));
+    page.ask("5GHz");
+    EXPECT_EQ(page.hear(), failure("Radio scan already in progress, please wait"));
+    EXPECT_EQ(page.hear(), "(closed)");
+    reply(scan_header(1, 0, 0));
+    EXPECT_EQ(take_one_queued().substr(0, 15), "{\"msgType\": 411");
+    EXPECT_EQ(scan_in_progress, 0);
+}
