@@ -12,10 +12,18 @@ WORLD = "10.77.0.1"
 
 
 @pytest.fixture
+def online(online):
+    """A registered device that has nothing to do: the report of its registration is out."""
+    online.controller.wait_message(404)
+    return online
+
+
+@pytest.fixture
 def slow(start):
     """A registered device with the true clock: programs measure time."""
     lab = start(faketime="")
     lab.wait_registered()
+    lab.controller.wait_message(404)
     return lab
 
 

@@ -2,10 +2,18 @@
 
 import json
 
+import pytest
 from devicecommands import STUBBORN, ask, idle, program, until_said
 from expect import fence
 
 from lab.frontend import FrontEnd
+
+
+@pytest.fixture
+def online(online):
+    """A registered device that has nothing to do: the report of its registration is out."""
+    online.controller.wait_message(404)
+    return online
 
 
 # -- the log --------------------------------------------------------------------------------

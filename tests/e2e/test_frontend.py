@@ -14,6 +14,17 @@ from lab.device import PYTHON
 from lab.frontend import AGENT_LISTENS_AT, FrontEnd
 
 
+ENDED = '{"msgType": 409, "status": "Complete", "output": ""}'
+"""What a command says when it is stopped, also where none runs."""
+
+
+@pytest.fixture
+def online(online):
+    """A registered device that has nothing to do: the report of its registration is out."""
+    online.controller.wait_message(404)
+    return online
+
+
 def settled(lab):
     """The agent's descriptors once it has dealt with everything so far."""
     fence(lab)
@@ -43,6 +54,8 @@ def test_what_is_no_request_closes(online, packet, told):
     before = settled(online)
     with FrontEnd(online.device) as page:
         page.ask(packet)
+        if "message type" in told:
+            assert page.hear() == ENDED, "it stops the command, too"
         assert page.hear() == ""
     online.log.wait(told)
     assert settled(online) == before
@@ -52,6 +65,7 @@ def test_1024_bytes_are_a_request(online):
     with FrontEnd(online.device) as page:
         page.ask(b'{"msgType": 110, "a": "' + b"x" * (1024 - 25) + b'"}')
         online.log.wait("fcgi_recv_cb: MSG_EXEC_STOP received")
+        assert page.hear() == ENDED
         fence(online)
         assert page.silent(), "a stop leaves the connection open"
 
@@ -67,7 +81,7 @@ def test_a_newer_connection_replaces_the_older(online):
             assert old.hear() == ""
             assert settled(online) == one, "one connection, not two"
             page.ask({"msgType": 110})
-            online.log.wait("fcgi_recv_cb: MSG_EXEC_STOP received")
+            assert page.hear() == ENDED
             assert page.silent()
     assert settled(online) == before
 

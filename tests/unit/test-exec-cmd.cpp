@@ -86,14 +86,13 @@ TEST_F(exec_child, it_gets_a_clean_start)
     sigaddset(&blocked, SIGTERM);
     sigprocmask(SIG_BLOCK, &blocked, nullptr);
     int open = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-    ping_says("ls /proc/$$/fd | tr '\\n' ' '; grep -E '^Sig(Blk|Ign)' /proc/$$/status; ps -o pgid= -p $$ | "
-              "grep -qx "
-              "\" *$$\" && echo leader\n");
+    ping_says("ls /proc/$$/fd; grep -E '^Sig(Blk|Ign)' /proc/self/status; ps -o pgid= -p $$ > " FOLDER
+              "/group; read group < " FOLDER "/group; test $group = $$ && echo leader\n");
     EXPECT_EQ(start(), 0);
     EXPECT_TRUE(ends());
     sigprocmask(SIG_UNBLOCK, &blocked, nullptr);
     close(open);
-    EXPECT_NE(said().find("0 1 10 2 "), std::string::npos) << "10 is the shell's own: " << said();
+    EXPECT_EQ(said().find("[Initiated]0\n1\n10\n2\nSig"), 0u) << "10 is the shell's own: " << said();
     EXPECT_NE(said().find("SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n"), std::string::npos)
         << said();
     EXPECT_NE(said().find("leader"), std::string::npos) << said();
