@@ -6,13 +6,11 @@ and "data". Several clients may be at it at once; one that goes away ends its co
 """
 
 import asyncio
-import inspect
 import json
 from typing import Any, Optional
 
-from lab import ctlplace, schemas
-from lab.commands import COMMANDS
-from lab.desk import Desk, Failed
+from lab import ctlplace
+from lab.carryout import carry_out
 from lab.lab import Lab
 
 _LINE_LIMIT = 64 * 1024 * 1024
@@ -24,7 +22,6 @@ class CtlServer:
     def __init__(self, lab: Lab) -> None:
         self._lab = lab
         self._folder = lab.device.folder
-        self._turn: asyncio.Lock
         self._server: Optional[asyncio.AbstractServer] = None
         self._clients: set[asyncio.Task] = set()
 
@@ -33,7 +30,6 @@ class CtlServer:
         self._lab.world.wait(self._start())
 
     async def _start(self) -> None:
-        self._turn = asyncio.Lock()
         self._server = await asyncio.start_unix_server(
             self._serve, sock=ctlplace.listen(self._folder), limit=_LINE_LIMIT)
 
@@ -92,20 +88,8 @@ class CtlServer:
             writer.write(json.dumps(what).encode() + b"\n")
             await writer.drain()
 
-        await tell({"kind": "end", **await self._carry_out(line, tell)})
-
-    async def _carry_out(self, line: bytes, tell: Any) -> dict[str, Any]:
         try:
             request = json.loads(line)
-            command = COMMANDS[request["command"]]
-            arguments, timeout = request.get("arguments", {}), request.get("timeout")
-            inspect.signature(command).bind(None, **arguments)
-        except (ValueError, TypeError, KeyError, AttributeError) as error:
-            return {"outcome": "refused", "text": f"not a command of this lab: {error}", "data": {}}
-        desk = Desk(self._lab, self._turn, tell, timeout)
-        try:
-            outcome = await command(desk, **arguments)
-        except (Failed, schemas.SchemaError) as error:
-            return {"outcome": "failed", "text": str(error), "data": {}}
-        return {"outcome": "done" if outcome.good else "failed", "text": outcome.text,
-                "data": outcome.data}
+        except ValueError:
+            request = None
+        await tell({"kind": "end", **await carry_out(self._lab, request, tell)})

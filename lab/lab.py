@@ -7,6 +7,7 @@
 Everything ends with the `with` block, whatever happens in it.
 """
 
+import asyncio
 import os
 import re
 import shlex
@@ -69,6 +70,8 @@ class Lab:
         self.reboot_on_request = True
         """Whether "shutdown.sh" of the device reboots it (else it is only noted)."""
         self._helpers: Optional[Path] = None
+        self.turn = asyncio.Lock()
+        """Held by the command whose answers are being waited for (see `desk`)."""
         self.journal = Journal()
         self.journal.explain = self.explain
         self.network = Network()
