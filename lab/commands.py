@@ -12,10 +12,12 @@ import time
 from collections.abc import Awaitable, Callable
 from typing import Any, Optional
 
+from lab import (faultcommands, probecommands, runcommands, schemas, statscommands, upgradecommands,
 from lab import (probecommands, runcommands, schemas, statscommands, upgradecommands,
                  wificommands)
 from lab.controller import REGISTER, REGISTER_SUCCESS, Acceptance
 from lab.desk import BAD, GOOD, MORE, Desk, Failed, Outcome, Verdict, answers, told
+from lab.faults import fault_words
 from lab.localcommands import log_line, raise_event
 
 CONFIG_UPDATE = 106
@@ -219,6 +221,7 @@ _HAPPENINGS: dict[str, Callable[[Any], str]] = {
     "trap": lambda event: f"the device forwarded an event: {event['text']}",
     "rebooting": lambda event: "the device goes down",
     "rebooted": lambda event: "the device is up again",
+    "fault": lambda event: fault_words(event),
 }
 
 
@@ -259,4 +262,5 @@ COMMANDS: dict[str, Command] = {
     **statscommands.COMMANDS,
     **upgradecommands.COMMANDS,
     **wificommands.COMMANDS,
+    **faultcommands.COMMANDS,
 }

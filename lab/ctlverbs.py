@@ -10,8 +10,9 @@ import sys
 from pathlib import Path
 from typing import Any, Callable, Optional
 
-from lab.ctlrun import RUN
+from lab.ctlfaults import FAULTS
 from lab.ctlprobe import PROBES
+from lab.ctlrun import RUN
 from lab.ctlstats import STATS
 from lab.ctlupgrade import FIRMWARE
 from lab.ctlverb import BadUsage, Request, Verb, count_of
@@ -233,7 +234,8 @@ WIFID = (
 )
 
 GROUPS: tuple[tuple[Verb, ...], ...] = (CONFIG, FIRMWARE, RUN, STATS, PROBES, DIRECTIVES, LOCAL,
-                                        LOOKING, WIFID)
-GROUP_HELP = {"config": "the device's configuration",
-              "run": "commands on the device; Ctrl-C stops them there", "stats": "the device's statistics",
+                                        LOOKING, WIFID, FAULTS)
+GROUP_HELP = {"config": "the device's configuration", "stats": "the device's statistics",
+              "run": "commands on the device; Ctrl-C stops them there",
+              "fault": "what can go wrong around the device, on demand",
               "wifid": "the device's Wi-Fi daemon and its talk with the controller"}

@@ -26,6 +26,7 @@ from lab.echo import NAME as ECHO_NAME
 from lab.echo import Echo
 from lab.filestore import FileStore
 from lab.firmware import KEY_FILE, Firmware
+from lab.faults import Faults
 from lab.journal import Event, Journal
 from lab.lldpd import Lldpd
 from lab.logfile import LogFile
@@ -118,6 +119,7 @@ class Lab:
         self.shown = ShownStatus(self.world, self.journal, self.device)
         self.log = LogFile(self.world, self.journal, self.device)
         self.supervisor = Supervisor(self.device, self.journal)
+        self.faults = Faults(self)
         self._step("  name service", lambda: self.names.start(self.device.folder / "names"),
                    self.names.stop)
         self._step("  onboarding service", self.onboarding.start, self.onboarding.stop)

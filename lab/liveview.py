@@ -8,6 +8,7 @@ import time
 from typing import Optional
 
 from lab import schemas
+from lab.faults import fault_words
 from lab.journal import Event
 from lab.wifid import ANSWER, CONNECTED_STATE, EVENT, REGISTRATION
 
@@ -76,6 +77,7 @@ def describe(event: Event) -> Optional[tuple[str, str]]:
         "reboot-requested": lambda: ("state", "the device asks for a reboot"),
         "rebooting": lambda: ("state", "device goes down"),
         "rebooted": lambda: ("state", "device is up again"),
+        "fault": lambda: ("bad", "* " + fault_words(event)),
         "problem": lambda: ("bad", "PROBLEM: " + event["text"]),
     }
     return simple[kind]() if kind in simple else None

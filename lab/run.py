@@ -8,7 +8,6 @@ Ctrl-C (or q) ends it and leaves nothing behind.
 import argparse
 import os
 import select
-import signal
 import sys
 import termios
 import threading
@@ -24,6 +23,7 @@ if needs.complaint():
 
 from lab.ctlserver import CtlServer  # noqa: E402
 from lab.device import require_root  # noqa: E402 - after the check of what they import
+from lab.faults import FaultError  # noqa: E402
 from lab.lab import Lab, find_agent  # noqa: E402
 from lab.liveview import Printer  # noqa: E402
 from lab.stopping import Stop, on_signals  # noqa: E402
@@ -92,40 +92,40 @@ class _Session:
     def __init__(self, lab: Lab, printer: Printer) -> None:
         self._lab = lab
         self._printer = printer
-        self._cut = False
 
     def press(self, key: str) -> None:
         """Does what a key stands for."""
         actions = {"c": self._kill_connection, "n": self._switch_network, "k": self._kill_agent,
-                   "r": self._lab.reboot, "s": self._show_status, "q": self._quit}
+                   "r": self._power_cycle, "s": self._show_status, "q": self._quit}
         action = actions.get(key.lower())
         if action is None:
             return
         try:
             action()
-        except (AssertionError, OSError, RuntimeError) as error:
+        except (AssertionError, FaultError, OSError, RuntimeError) as error:
             self._printer.line(str(error).splitlines()[0], "bad", stamp=True)
 
     def _kill_connection(self) -> None:
-        self._lab.controller.kill()
-        self._printer.line("* the controller's connection is killed", "bad", stamp=True)
+        self._lab.faults.begin("drop-connection")
+
+    def _is_cut(self) -> bool:
+        return "link-cut" in self._lab.faults.active
 
     def _switch_network(self) -> None:
-        self._cut = not self._cut
-        (self._lab.network.cut if self._cut else self._lab.network.restore)()
-        self._printer.line("* the network is " + ("cut" if self._cut else "back"), "bad",
-                           stamp=True)
+        (self._lab.faults.end if self._is_cut() else self._lab.faults.begin)("link-cut")
 
     def _kill_agent(self) -> None:
-        self._lab.supervisor.send_signal(signal.SIGKILL)
-        self._printer.line("* the agent is killed", "bad", stamp=True)
+        self._lab.faults.begin("kill-agent")
+
+    def _power_cycle(self) -> None:
+        self._lab.faults.begin("power-cycle")
 
     def _show_status(self) -> None:
         lab = self._lab
         self._printer.line(f"status shown on the device: {lab.status_or_reason()!r}; "
                            f"agent starts: {lab.supervisor.starts}; "
                            f"connections: {len(lab.controller.connections)}; "
-                           f"network: {'cut' if self._cut else 'in'}")
+                           f"network: {'cut' if self._is_cut() else 'in'}")
 
     def _quit(self) -> None:
         raise Stop
