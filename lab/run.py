@@ -6,6 +6,7 @@ Ctrl-C (or q) ends it and leaves nothing behind.
 """
 
 import argparse
+import contextlib
 import os
 import select
 import sys
@@ -13,6 +14,7 @@ import termios
 import threading
 import time
 import tty
+from collections.abc import Iterator
 from typing import Any, Optional
 from urllib.parse import urlsplit
 
@@ -21,8 +23,9 @@ from lab import needs
 if needs.complaint():
     sys.exit(needs.complaint())
 
+from lab.console import server as console  # noqa: E402 - after the check of what they import
 from lab.ctlserver import CtlServer  # noqa: E402
-from lab.device import require_root  # noqa: E402 - after the check of what they import
+from lab.device import require_root  # noqa: E402
 from lab.faults import FaultError  # noqa: E402
 from lab.lab import Lab, find_agent  # noqa: E402
 from lab.liveview import Printer  # noqa: E402
@@ -32,6 +35,18 @@ _HELP = """keys: c = kill the controller's connection   n = cut / restore the ne
       k = kill the agent   r = reboot the device   s = status   q = quit (or Ctrl-C)"""
 _WIFID_REGISTRATION = {"daemon": "wifid", "radios": ["2.4GHz", "5GHz"]}
 _TICK_SECONDS = 0.2
+
+
+def _console_port(text: str) -> int:
+    """A port for the console, 0 for none."""
+    if text == "off":
+        return 0
+    if not 0 < int(text) < 65536:
+        raise ValueError(text)
+    return int(text)
+
+
+_console_port.__name__ = "port or off"  # argparse names it so in its complaints
 
 
 def _arguments() -> argparse.Namespace:
@@ -53,6 +68,9 @@ def _arguments() -> argparse.Namespace:
                         help="by DHCP, with this controller in option 43")
     parser.add_argument("--dhcp-domain", metavar="DOMAIN",
                         help="by DHCP, with this domain in option 15")
+    parser.add_argument("--console", type=_console_port, default=None, metavar="PORT|off",
+                        help=f"where to serve the web console (default: {console.PORT} or the next "
+                             "free port; with --until: off)")
     parser.add_argument("agent_options", nargs="*", metavar="AGENT OPTION",
                         help="options of the agent (default: -d 3)")
     return parser.parse_args()
@@ -142,6 +160,16 @@ def _use_dhcp(lab: Lab, url: Optional[str], domain: Optional[str]) -> None:
     lab.dhcp.connect()
 
 
+@contextlib.contextmanager
+def _serving(lab: Lab, port: int) -> Iterator[str]:
+    """The web console's address, "" where there is none."""
+    if not port:
+        yield ""
+        return
+    with console.Console(lab, port) as served:
+        yield served.url
+
+
 def _run(arguments: argparse.Namespace, printer: Printer) -> int:
     registered = threading.Event()
 
@@ -149,7 +177,11 @@ def _run(arguments: argparse.Namespace, printer: Printer) -> int:
         if event.kind == "log" and "MSG_REGISTER_SUCCESS received" in event["message"]:
             registered.set()
 
-    with Lab(progress=printer.line) as lab, CtlServer(lab), _Keys() as keys:
+    port = arguments.console
+    if port is None:
+        port = 0 if arguments.until else console.PORT
+    with Lab(progress=printer.line) as lab, CtlServer(lab), _serving(lab, port) as url, \
+            _Keys() as keys:
         lab.journal.subscribe(printer.event)
         lab.journal.subscribe(look)
         session = _Session(lab, printer)
@@ -163,7 +195,8 @@ def _run(arguments: argparse.Namespace, printer: Printer) -> int:
         printer.line(f"look inside from another terminal: sudo nsenter -a -t {lab.device.pid} sh\n"
                      "move the controller from there, too: ./dev ctl --help "
                      f"(this is lab {os.getpid()})\n"
-                     + (_HELP if keys.active else "Ctrl-C ends it"))
+                     + (_HELP if keys.active else "Ctrl-C ends it")
+                     + (f"\nconsole: {url}" if url else ""))
         deadline = time.monotonic() + arguments.timeout
         while not (arguments.until and registered.is_set()):
             if arguments.until and time.monotonic() > deadline:

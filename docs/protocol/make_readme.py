@@ -74,19 +74,19 @@ def _messages(rows: list[Schema], direction: str) -> str:
 
 def _message(row: Schema) -> str:
     schema = _read(row["schema"])
-    members = list(_members(schema))
+    rows = list(members(schema))
     if row["direction"] == "to-controller":
         table = _table(["#", "member", "value", "meaning"], [
             [str(number), member[0], member[1] + (", or left out" if member[2] == "no" else ""),
-             member[3]] for number, member in enumerate(members, 1)])
+             member[3]] for number, member in enumerate(rows, 1)])
     else:
-        table = _table(["member", "value", "needed", "meaning"], [list(row) for row in members])
+        table = _table(["member", "value", "needed", "meaning"], [list(row) for row in rows])
     examples = "\n".join(json.dumps(example, ensure_ascii=False) for example in schema["examples"])
     return (f'### {_heading(row)}\n\n{schema["description"]} ([schema]({row["schema"]}))\n\n'
             f"{table}\n\n```json\n{examples}\n```")
 
 
-def _members(schema: Schema, prefix: str = "") -> Iterator[tuple[str, str, str, str]]:
+def members(schema: Schema, prefix: str = "") -> Iterator[tuple[str, str, str, str]]:
     """Walk an object's members, inner ones behind their own: name, value, needed, meaning."""
     for name, member in schema.get("properties", {}).items():
         needed = "yes" if name in schema.get("required", []) else "no"
@@ -99,7 +99,7 @@ def _member(name: str, member: Schema, needed: str) -> Iterator[tuple[str, str, 
     wanted = _resolve(wanted["anyOf"][0]) if "anyOf" in wanted else wanted
     if wanted.get("type") == "array" and "items" in wanted:
         yield from _member(name + "[]", wanted["items"], "")
-    yield from _members(wanted, name + ".")
+    yield from members(wanted, name + ".")
     if isinstance(wanted.get("additionalProperties"), dict):
         yield from _member(name + ".*", wanted["additionalProperties"], "")
 
@@ -157,7 +157,7 @@ def _events() -> str:
 
 def _ping(schema: Schema) -> str:
     table = _table(["#", "member", "value", "meaning"], [
-        [str(number), *member[:2], member[3]] for number, member in enumerate(_members(schema), 1)])
+        [str(number), *member[:2], member[3]] for number, member in enumerate(members(schema), 1)])
     example = schema["x-text"] % schema["examples"][0]
     return f'{schema["description"]}\n\n{table}\n\n```json\n{example}\n```'
 

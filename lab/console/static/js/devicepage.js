@@ -1,0 +1,95 @@
+// One device: its head, the list of panels, and the panel that is open. Panels keep their contents
+// while the page is open, so that what runs in one goes on while another is looked at.
+
+import { append, h, replace, setText } from "./dom.js";
+import { since } from "./format.js";
+import { empty, pill, statePill } from "./parts.js";
+import { device, known, on } from "./store.js";
+import { configPanel } from "./panels/config.js";
+import { faultsPanel } from "./panels/faults.js";
+import { logPanel } from "./panels/log.js";
+import { messagesPanel } from "./panels/messages.js";
+import { statsPanel } from "./panels/stats.js";
+import { summaryPanel } from "./panels/summary.js";
+
+// A panel is there only if the lab has the commands that it needs.
+const PANELS = [
+  { name: "summary", title: "Overview", needs: [], make: summaryPanel },
+  { name: "messages", title: "Messages", needs: [], make: messagesPanel },
+  { name: "config", title: "Configuration", needs: ["config-push", "config-pull"], make: configPanel },
+  { name: "stats", title: "Statistics", needs: ["stats-subscribe", "stats-stop"], make: statsPanel },
+  { name: "log", title: "Log", needs: [], make: logPanel },
+  { name: "faults", title: "Faults", needs: ["faults", "fault-begin", "fault-end"], make: faultsPanel },
+];
+
+export function devicePage(id) {
+  if (!device(id)) {
+    return { element: empty("This lab has no device ", id, ". ", h("a", { href: "#/" }, "See all devices")), close() {} };
+  }
+  const panels = PANELS.filter((panel) => panel.needs.every((command) => known.commands.has(command)));
+  const made = new Map();
+  const head = h("div", { class: "device-head" });
+  const tabs = h("nav", { class: "tabs", "aria-label": "Panels of this device" });
+  const place = h("div", {});
+  let open = null;
+
+  const link = (panel) => h("a", { href: `#/device/${encodeURIComponent(id)}/${panel.name}`, "data-panel": panel.name },
+    panel.title, h("span", { class: "count", hidden: true }));
+  append(tabs, panels.map(link));
+
+  const drawHead = () => {
+    const now = device(id);
+    const name = h("h1", {}, now.name ?? id);
+    replace(head, name, statePill(now.state), now.product ? h("span", { class: "muted" }, now.product) : null,
+      h("span", { class: "muted mono" }, now.id), now.faults.length ? pill(
+        `${now.faults.length} fault${now.faults.length > 1 ? "s" : ""} on`, "bad", true) : null,
+      h("p", { class: "reason" }, `${now.reason} `, h("span", { "data-since": now.since }, `(${since(now.since)})`)));
+    badge("messages", now.problems);
+    badge("faults", now.faults.length);
+  };
+  const badge = (name, count) => {
+    const place = tabs.querySelector(`[data-panel="${name}"] .count`);
+    if (!place) return;
+    place.hidden = !count;
+    setText(place, String(count));
+  };
+  const tick = setInterval(() => {
+    const span = head.querySelector("[data-since]");
+    if (span) setText(span, `(${since(Number(span.dataset.since))})`);
+    open?.tick?.();
+  }, 1000);
+
+  const show = (wanted) => {
+    const panel = panels.find((one) => one.name === wanted) ?? panels[0];
+    if (!made.has(panel.name)) {
+      const fresh = panel.make(id);
+      fresh.element.dataset.content = panel.name;
+      made.set(panel.name, fresh);
+      place.append(fresh.element);
+    }
+    for (const [name, one] of made) {
+      if (name !== panel.name && !one.element.hidden) {
+        one.element.hidden = true;
+        one.hide?.();
+      }
+    }
+    open = made.get(panel.name);
+    open.element.hidden = false;
+    open.show?.();
+    for (const one of tabs.children) {
+      if (one.dataset.panel === panel.name) one.setAttribute("aria-current", "page");
+      else one.removeAttribute("aria-current");
+    }
+  };
+  const off = on("device", drawHead);
+  drawHead();
+  return {
+    element: h("div", {}, head, h("div", { class: "device-body" }, tabs, place)),
+    show,
+    close: () => {
+      clearInterval(tick);
+      off();
+      for (const one of made.values()) one.close?.();
+    },
+  };
+}

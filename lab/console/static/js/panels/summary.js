@@ -1,0 +1,119 @@
+// The device at a glance: who it is, how its connection has been, and the small things to ask of it.
+
+import { append, h, replace } from "../dom.js";
+import { clock, date, duration, since } from "../format.js";
+import { outcomes, workButton } from "../action.js";
+import { card, check, facts, field } from "../parts.js";
+import { device, known, on } from "../store.js";
+import { timeline } from "../timeline.js";
+
+const MOST_SHOWN = 200;
+
+function identity(now) {
+  const { versions, connection, agent } = now;
+  return facts([
+    ["MAC address", h("span", { class: "mono" }, now.id)], ["Serial number", now.serial], ["Product", now.product],
+    ["Platform", now.platform && `${now.platform}, model ${now.model}`], ["Address", now.address],
+    ["Switch (parent MAC)", now.parent || "none found"],
+    ["Firmware", versions.active], ["Second bank", versions.inactive], ["Agent version", versions.agent],
+    ["Hardware", versions.hardware], ["Configuration version", versions.configuration],
+    ["Connection", connection ? `number ${connection.number} of ${now.connections}` : `none (${now.connections} so far)`],
+    ["Agent", agent.running ? `up ${since(agent.since)}, start ${agent.starts}` : "down"],
+    ["Device up", since(now.booted)],
+    ["Last keep-alive", now.ping.at ? `${since(now.ping.at)} ago${now.ping.answered ? "" : ", not answered"}` : "none yet"],
+    ["Last close", now.lastClose.number ? now.lastClose.reason || `code ${now.lastClose.code}` : "none yet"],
+    ["Shown on the device", now.shown || "-"],
+  ]);
+}
+
+function happenings() {
+  const list = h("ol", { class: "happenings", tabindex: "0", "aria-label": "What happened, the newest first" });
+  const line = (one) => h("li", { class: "fresh" }, h("time", {}, clock(one.at)),
+    h("span", { "data-level": one.level }, one.text));
+  replace(list, known.happenings.slice(-MOST_SHOWN).reverse().map(line));
+  const off = on("happening", (one) => {
+    list.prepend(line(one));
+    if (list.children.length > MOST_SHOWN) list.lastChild.remove();
+  });
+  return { element: list, off };
+}
+
+// A form of one line with its button and outcome.
+function asking(title, inputs, text, work, kind = "") {
+  const out = outcomes();
+  const go = workButton(text, () => work(out), kind);
+  return card(title, null, h("div", { class: "stack tight" }, h("div", { class: "row end" }, inputs, go), out.element));
+}
+
+function info() {
+  const out = outcomes({ quiet: true });
+  const found = h("div", {});
+  const ask = workButton("Ask", async () => {
+    const end = await out.begin("info", {});
+    if (end.outcome !== "done") return;
+    const { lastCloseReason, lastCloseTS, lastRebootReason, lastRebootTS, uptime } = end.data;
+    replace(found, facts([["Last close", lastCloseReason || "nothing new"], ["at", date(lastCloseTS)],
+      ["Last reboot", lastRebootReason || "-"], ["at", date(lastRebootTS)], ["Kernel up for", duration(uptime)]]));
+  });
+  return card("Ask why it closed and rebooted", ask, found, out.element);
+}
+
+function locate() {
+  return asking("Find it", h("p", { class: "grow muted" }, "Its lights blink for a moment."), "Locate",
+    (out) => out.begin("locate", {}));
+}
+
+function reboot() {
+  const reason = h("input", { type: "text", placeholder: "the device's own" });
+  const delay = h("input", { type: "number", min: 0, placeholder: "5" });
+  const force = check("force");
+  return asking("Reboot", [field("Reason", reason, { grow: true }), field("Delay, s", delay), force.element], "Reboot",
+    (out) => out.begin("reboot", { reason: reason.value || null, delay: delay.value ? Number(delay.value) : null,
+      force: force.input.checked }), "danger");
+}
+
+function status() {
+  const text = h("input", { type: "text", value: "Hall 3 is served" });
+  return asking("Status text", field("Text to show on the device", text, { grow: true }), "Show",
+    (out) => out.begin("status", { text: text.value }));
+}
+
+function intervals() {
+  const wait = h("input", { type: "number", min: 0, value: "300" });
+  const delta = h("input", { type: "number", min: 0, value: "60" });
+  return asking("Retry intervals", [field("Wait, s", wait), field("Random part, s", delta),
+    h("p", { class: "grow muted small" }, "How long it waits before it looks for a controller anew.")], "Set",
+  (out) => out.begin("intervals", { wait: Number(wait.value), delta: Number(delta.value) }));
+}
+
+function time() {
+  const at = h("input", { type: "text", value: "2026-01-02 03:04:05" });
+  return asking("Clock", field("Offer this time (UTC); it registers anew for it", at, { grow: true }), "Offer",
+    async (out) => {
+      const seconds = Date.parse(`${at.value.trim().replace(" ", "T")}Z`) / 1000;
+      at.setAttribute("aria-invalid", String(Number.isNaN(seconds)));
+      if (Number.isNaN(seconds)) out.show("bad", "This is no time; write it like 2026-01-02 03:04:05.");
+      else await out.begin("clock", { seconds: Math.floor(seconds) });
+    });
+}
+
+const ACTIONS = [["locate", locate], ["reboot", reboot], ["status", status], ["intervals", intervals],
+  ["clock", time], ["info", info]];
+
+export function summaryPanel(id) {
+  const strip = timeline();
+  const who = h("div", {});
+  const told = happenings();
+  const draw = () => replace(who, identity(device(id)));
+  const offs = [on("device", draw), on("state", strip.draw), told.off];
+  const actions = h("div", { class: "columns" });
+  append(actions, ACTIONS.filter(([command]) => known.commands.has(command)).map(([, make]) => make()));
+  draw();
+  return {
+    element: h("div", { class: "stack" },
+      card("Connection", h("div", {}, strip.range), strip.element),
+      card("Identity", null, who), card("What happened", null, told.element), actions),
+    tick: () => { strip.draw(); draw(); },
+    close: () => offs.forEach((off) => off()),
+  };
+}
