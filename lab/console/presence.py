@@ -3,7 +3,7 @@
 from collections.abc import Callable
 from typing import Any
 
-from lab import network
+from lab import liveview, network
 from lab.controller import REGISTER, REGISTER_SUCCESS
 from lab.desk import told
 from lab.journal import Event
@@ -23,6 +23,7 @@ _TRIALS = {
                                                     "configuration and restored the old one."),
 }
 """What the agent logs about a configuration that has yet to prove itself."""
+_DISCONNECTED = f" {liveview.STATES.index('DISCONNECTED')}"
 _VERSIONS = {"active": "activeSwVersion", "inactive": "inActiveSwVersion", "agent": "daVersion",
              "hardware": "hwVersion", "configuration": "configVersion"}
 _FACTS = {"name": "hostname", "product": "productName", "model": "model", "platform": "type",
@@ -112,8 +113,13 @@ class Presence:
         self._problems += 1
 
     def _on_log(self, event: Event) -> bool:
+        message = event["message"]
+        if (message.startswith("Previous state ") and message.endswith(_DISCONNECTED)
+                and self.state in ("online", "registering")):
+            self._enter(event, "lost", "The agent has given its connection up.")
+            return True
         for text, (outcome, words) in _TRIALS.items():
-            if text in event["message"]:
+            if text in message:
                 self._trial = {"outcome": outcome, "text": words, "at": event.wall}
                 return True
         return False

@@ -22,6 +22,14 @@ const PANELS = [
   { name: "faults", title: "Faults", needs: ["faults", "fault-begin", "fault-end"], make: faultsPanel },
 ];
 
+const SILENCE = 30; // seconds: the agent's keep-alives are less than 20 s apart
+
+// The controller cannot see that a cable was cut; what it sees is that nothing comes any more.
+function silence(now) {
+  const quiet = Date.now() / 1000 - now.ping.at;
+  return now.state === "online" && quiet > SILENCE ? pill(`no keep-alive for ${Math.floor(quiet)} s`, "warn", true) : null;
+}
+
 export function devicePage(id) {
   if (!device(id)) {
     return { element: empty("This lab has no device ", id, ". ", h("a", { href: "#/" }, "See all devices")), close() {} };
@@ -40,7 +48,7 @@ export function devicePage(id) {
   const drawHead = () => {
     const now = device(id);
     const name = h("h1", {}, now.name ?? id);
-    replace(head, name, statePill(now.state), now.product ? h("span", { class: "muted" }, now.product) : null,
+    replace(head, name, statePill(now.state), silence(now), now.product ? h("span", { class: "muted" }, now.product) : null,
       h("span", { class: "muted mono" }, now.id), now.faults.length ? pill(
         `${now.faults.length} fault${now.faults.length > 1 ? "s" : ""} on`, "bad", true) : null,
       h("p", { class: "reason" }, `${now.reason} `, h("span", { "data-since": now.since }, `(${since(now.since)})`)));
@@ -54,8 +62,7 @@ export function devicePage(id) {
     setText(place, String(count));
   };
   const tick = setInterval(() => {
-    const span = head.querySelector("[data-since]");
-    if (span) setText(span, `(${since(Number(span.dataset.since))})`);
+    drawHead();
     open?.tick?.();
   }, 1000);
 

@@ -49,9 +49,10 @@ export function empty(...children) {
   return h("p", { class: "empty" }, ...children);
 }
 
+// Names and values; a third true takes the room of two.
 export function facts(pairs) {
-  return h("dl", { class: "facts" }, pairs.map(([name, value]) =>
-    h("div", {}, h("dt", {}, name), h("dd", {}, value ?? "-"))));
+  return h("dl", { class: "facts" }, pairs.map(([name, value, wide]) =>
+    h("div", { class: wide ? "wide" : null }, h("dt", {}, name), h("dd", {}, value ?? "-"))));
 }
 
 // A table whose columns can be sorted by a click: columns are {name, title, number, show}.

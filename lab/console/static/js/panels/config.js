@@ -92,6 +92,7 @@ export function configPanel(id) {
     pulled = end.data.config;
     text.value = pulled;
     pullButton.textContent = "Pull again";
+    pullButton.className = "";
     draw();
   };
   const asked = () => {
@@ -136,7 +137,7 @@ export function configPanel(id) {
   const lines = field("Configuration, one setting a line", text);
   const json = h("div", { class: "stack tight" }, field("Object", object),
     field("Native part, applied behind the object (may be empty)", native), overwrite.element);
-  const pullButton = workButton("Pull from the device", pull);
+  const pullButton = workButton("Pull from the device", pull, "primary");
   const push = workButton("Push", async () => {
     await work();
     draw();

@@ -22,7 +22,7 @@ function identity(now) {
     ["Device up", since(now.booted)],
     ["Last keep-alive", now.ping.at ? `${since(now.ping.at)} ago${now.ping.answered ? "" : ", not answered"}` : "none yet"],
     ["Last close", now.lastClose.number ? now.lastClose.reason || `code ${now.lastClose.code}` : "none yet"],
-    ["Shown on the device", now.shown || "-"],
+    ["Shown on the device", now.shown || "-", true],
   ]);
 }
 
