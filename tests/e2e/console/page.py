@@ -6,7 +6,8 @@ from typing import Any, Callable, Optional
 from urllib.parse import quote
 
 from selenium import webdriver
-from selenium.common.exceptions import StaleElementReferenceException, TimeoutException
+from selenium.common.exceptions import (ElementClickInterceptedException,
+                                        StaleElementReferenceException, TimeoutException)
 from selenium.webdriver.common.by import By
 from selenium.webdriver.remote.webelement import WebElement
 from selenium.webdriver.support.ui import Select, WebDriverWait
@@ -16,6 +17,10 @@ from lab import network
 DEVICE = network.MACS["eth0"]
 WAIT = 20.0
 Condition = Callable[[], Any]
+_TEXTS = """
+return [...document.querySelectorAll(arguments[0])]
+    .filter((one) => one.checkVisibility()).map((one) => one.innerText.trim());
+"""
 
 
 class Page:
@@ -70,14 +75,17 @@ class Page:
         """The first element that is shown; waits for one."""
         return self.wait(lambda: next(iter(self.all(css, within)), None), f"{css} to be shown")
 
+    def texts(self, css: str) -> list[str]:
+        """The texts of all such elements that are shown, at one moment."""
+        return self.driver.execute_script(_TEXTS, css)
+
     def text(self, css: str) -> str:
         """The text of the first such element, "" where there is none."""
-        found = self.all(css)
-        return found[0].text if found else ""
+        return next(iter(self.texts(css)), "")
 
     def says(self, text: str, css: str = "main", timeout: float = WAIT) -> None:
         """Waits until a text is shown."""
-        self.wait(lambda: any(text in one.text for one in self.all(css)),
+        self.wait(lambda: any(text in one for one in self.texts(css)),
                   f"{text!r} to be shown in {css}", timeout)
 
     def state(self, text: str, timeout: float = WAIT) -> None:
@@ -103,7 +111,15 @@ class Page:
 
     def press(self, text: str, within: Optional[WebElement] = None) -> None:
         """Presses a button."""
-        self.button(text, within).click()
+        def click() -> bool:
+            element = self.button(text, within)
+            self.driver.execute_script("arguments[0].scrollIntoView({block: 'center'})", element)
+            try:
+                element.click()
+            except ElementClickInterceptedException:  # what grows above it has moved it meanwhile
+                return False
+            return True
+        self.wait(click, f"{text!r} to be pressed")
 
     def field(self, label: str, within: Optional[WebElement] = None) -> WebElement:
         """The input with this label."""

@@ -1,9 +1,9 @@
 // One device: its head, the list of panels, and the panel that is open. Panels keep their contents
 // while the page is open, so that what runs in one goes on while another is looked at.
 
-import { append, h, replace, setText } from "./dom.js";
+import { append, h, setText } from "./dom.js";
 import { since } from "./format.js";
-import { empty, pill, statePill } from "./parts.js";
+import { empty, pill, STATES } from "./parts.js";
 import { device, known, on } from "./store.js";
 import { configPanel } from "./panels/config.js";
 import { faultsPanel } from "./panels/faults.js";
@@ -27,7 +27,31 @@ const SILENCE = 30; // seconds: the agent's keep-alives are less than 20 s apart
 // The controller cannot see that a cable was cut; what it sees is that nothing comes any more.
 function silence(now) {
   const quiet = Date.now() / 1000 - now.ping.at;
-  return now.state === "online" && quiet > SILENCE ? pill(`no keep-alive for ${Math.floor(quiet)} s`, "warn", true) : null;
+  return now.state === "online" && quiet > SILENCE ? `no keep-alive for ${Math.floor(quiet)} s` : "";
+}
+
+function say(element, text) {
+  setText(element, text);
+  element.hidden = !text;
+}
+
+// Name, state and what is unusual; `draw` touches only what has changed.
+function deviceHead(id) {
+  const [name, product, mac, reason] = [h("h1", {}), h("span", { class: "muted" }), h("span", { class: "muted mono" }, id),
+    h("p", { class: "reason" })];
+  const [state, quiet, faults] = [pill("", ""), pill("", "warn", true), pill("", "bad", true)];
+  const draw = () => {
+    const now = device(id);
+    const [words, tone] = STATES[now.state] ?? [now.state, "info"];
+    setText(name, now.name ?? id);
+    setText(state, words);
+    state.dataset.tone = tone;
+    say(quiet, silence(now));
+    say(product, now.product ?? "");
+    say(faults, now.faults.length ? `${now.faults.length} fault${now.faults.length > 1 ? "s" : ""} on` : "");
+    setText(reason, now.since ? `${now.reason} (${since(now.since)})` : now.reason);
+  };
+  return { element: h("div", { class: "device-head" }, name, state, quiet, product, mac, faults, reason), draw };
 }
 
 export function devicePage(id) {
@@ -36,7 +60,7 @@ export function devicePage(id) {
   }
   const panels = PANELS.filter((panel) => panel.needs.every((command) => known.commands.has(command)));
   const made = new Map();
-  const head = h("div", { class: "device-head" });
+  const head = deviceHead(id);
   const tabs = h("nav", { class: "tabs", "aria-label": "Panels of this device" });
   const place = h("div", {});
   let open = null;
@@ -45,15 +69,10 @@ export function devicePage(id) {
     panel.title, h("span", { class: "count", hidden: true }));
   append(tabs, panels.map(link));
 
-  const drawHead = () => {
-    const now = device(id);
-    const name = h("h1", {}, now.name ?? id);
-    replace(head, name, statePill(now.state), silence(now), now.product ? h("span", { class: "muted" }, now.product) : null,
-      h("span", { class: "muted mono" }, now.id), now.faults.length ? pill(
-        `${now.faults.length} fault${now.faults.length > 1 ? "s" : ""} on`, "bad", true) : null,
-      h("p", { class: "reason" }, `${now.reason} `, h("span", { "data-since": now.since }, `(${since(now.since)})`)));
-    badge("messages", now.problems);
-    badge("faults", now.faults.length);
+  const draw = () => {
+    head.draw();
+    badge("messages", device(id).problems);
+    badge("faults", device(id).faults.length);
   };
   const badge = (name, count) => {
     const place = tabs.querySelector(`[data-panel="${name}"] .count`);
@@ -62,7 +81,7 @@ export function devicePage(id) {
     setText(place, String(count));
   };
   const tick = setInterval(() => {
-    drawHead();
+    head.draw();
     open?.tick?.();
   }, 1000);
 
@@ -88,10 +107,10 @@ export function devicePage(id) {
       else one.removeAttribute("aria-current");
     }
   };
-  const off = on("device", drawHead);
-  drawHead();
+  const off = on("device", draw);
+  draw();
   return {
-    element: h("div", {}, head, h("div", { class: "device-body" }, tabs, place)),
+    element: h("div", {}, head.element, h("div", { class: "device-body" }, tabs, place)),
     show,
     close: () => {
       clearInterval(tick);

@@ -13,8 +13,11 @@ const FIRST_TABLES = ["interfaces"];
 
 function standingList(id, stop) {
   const element = h("ul", { class: "stack tight" });
+  let drawn = "";
   const draw = () => {
     const standing = device(id).standing;
+    if (drawn === JSON.stringify(standing)) return; // buttons keep the focus
+    drawn = JSON.stringify(standing);
     replace(element, standing.length ? standing.map((one) => h("li", { class: "row" },
       h("span", { class: "grow" }, h("b", {}, `Slot ${one.index}`), ` every ${one.interval} s: `,
         h("span", { class: "muted" }, [...(one.fields ?? []), ...Object.keys(one.tables ?? {})].join(", "))),

@@ -1,6 +1,6 @@
 // The device at a glance: who it is, how its connection has been, and the small things to ask of it.
 
-import { append, h, replace } from "../dom.js";
+import { append, h, replace, setText } from "../dom.js";
 import { clock, date, duration, since } from "../format.js";
 import { outcomes, workButton } from "../action.js";
 import { card, check, facts, field } from "../parts.js";
@@ -9,21 +9,29 @@ import { timeline } from "../timeline.js";
 
 const MOST_SHOWN = 200;
 
-function identity(now) {
-  const { versions, connection, agent } = now;
-  return facts([
-    ["MAC address", h("span", { class: "mono" }, now.id)], ["Serial number", now.serial], ["Product", now.product],
-    ["Platform", now.platform && `${now.platform}, model ${now.model}`], ["Address", now.address],
-    ["Switch (parent MAC)", now.parent || "none found"],
-    ["Firmware", versions.active], ["Second bank", versions.inactive], ["Agent version", versions.agent],
-    ["Hardware", versions.hardware], ["Configuration version", versions.configuration],
-    ["Connection", connection ? `number ${connection.number} of ${now.connections}` : `none (${now.connections} so far)`],
-    ["Agent", agent.running ? `up ${since(agent.since)}, start ${agent.starts}` : "down"],
-    ["Device up", since(now.booted)],
-    ["Last keep-alive", now.ping.at ? `${since(now.ping.at)} ago${now.ping.answered ? "" : ", not answered"}` : "none yet"],
-    ["Last close", now.lastClose.number ? now.lastClose.reason || `code ${now.lastClose.code}` : "none yet"],
-    ["Shown on the device", now.shown || "-", true],
-  ]);
+const IDENTITY = [
+  ["MAC address", (now) => now.id], ["Serial number", (now) => now.serial], ["Product", (now) => now.product],
+  ["Platform", (now) => now.platform && `${now.platform}, model ${now.model}`], ["Address", (now) => now.address],
+  ["Switch (parent MAC)", (now) => now.parent || "none found"],
+  ["Firmware", (now) => now.versions.active], ["Second bank", (now) => now.versions.inactive],
+  ["Agent version", (now) => now.versions.agent], ["Hardware", (now) => now.versions.hardware],
+  ["Configuration version", (now) => now.versions.configuration],
+  ["Connection", (now) => (now.connection ? `number ${now.connection.number} of ${now.connections}`
+    : `none (${now.connections} so far)`)],
+  ["Agent", (now) => (now.agent.running ? `up ${since(now.agent.since)}, start ${now.agent.starts}` : "down")],
+  ["Device up", (now) => since(now.booted)],
+  ["Last keep-alive", (now) => (now.ping.at ? `${since(now.ping.at)} ago${now.ping.answered ? "" : ", not answered"}`
+    : "none yet")],
+  ["Last close", (now) => (now.lastClose.number ? now.lastClose.reason || `code ${now.lastClose.code}` : "none yet")],
+  ["Shown on the device", (now) => now.shown || "-", true],
+];
+
+// Only texts that differ are touched: what somebody has marked to copy stays marked.
+function identity(id) {
+  const values = IDENTITY.map(() => h("span", {}));
+  const draw = () => IDENTITY.forEach(([, value], at) => setText(values[at], String(value(device(id)) ?? "-")));
+  draw();
+  return { element: facts(IDENTITY.map(([name, , wide], at) => [name, values[at], wide])), draw };
 }
 
 function happenings() {
@@ -102,18 +110,16 @@ const ACTIONS = [["locate", locate], ["reboot", reboot], ["status", status], ["i
 
 export function summaryPanel(id) {
   const strip = timeline();
-  const who = h("div", {});
+  const who = identity(id);
   const told = happenings();
-  const draw = () => replace(who, identity(device(id)));
-  const offs = [on("device", draw), on("state", strip.draw), told.off];
+  const offs = [on("device", who.draw), on("state", strip.draw), told.off];
   const actions = h("div", { class: "columns" });
   append(actions, ACTIONS.filter(([command]) => known.commands.has(command)).map(([, make]) => make()));
-  draw();
   return {
     element: h("div", { class: "stack" },
       card("Connection", h("div", {}, strip.range), strip.element),
-      card("Identity", null, who), card("What happened", null, told.element), actions),
-    tick: () => { strip.draw(); draw(); },
+      card("Identity", null, who.element), card("What happened", null, told.element), actions),
+    tick: () => { strip.draw(); who.draw(); },
     close: () => offs.forEach((off) => off()),
   };
 }
