@@ -8,6 +8,7 @@ A page that goes away ends its commands, like a terminal that is closed.
 """
 
 import asyncio
+import contextlib
 import json
 from collections import deque
 from typing import Any
@@ -39,6 +40,7 @@ class Session:
         self._some = asyncio.Event()
         self._topics: set[str] = set()
         self._running: dict[int, asyncio.Task] = {}
+        self._endings: set[asyncio.Task] = set()
 
     async def serve(self) -> None:
         """Says hello, then listens and tells; returns when the page has gone."""
@@ -54,7 +56,7 @@ class Session:
             pass
         finally:
             self._hub.leave(self._take)
-            tasks = [telling, *self._running.values()]
+            tasks = [telling, *self._running.values(), *self._endings]
             for task in tasks:
                 task.cancel()
             await asyncio.gather(*tasks, return_exceptions=True)
@@ -122,22 +124,24 @@ class Session:
             await self._send({"kind": "end", "id": number, "outcome": "refused", "data": {},
                               "text": "too many commands at once"})
             return
-        self._running[number] = asyncio.create_task(self._run(number, wish))
-
-    async def _run(self, number: int, wish: dict[str, Any]) -> None:
         async def tell(what: dict[str, Any]) -> None:
             await self._send({"kind": "told", "id": number, "what": what})
 
-        try:
-            end = await carry_out(self._lab, wish, tell)
-        except asyncio.CancelledError:
+        work = asyncio.create_task(carry_out(self._lab, wish, tell))
+        self._running[number] = work
+        ending = asyncio.create_task(self._end(number, work))
+        self._endings.add(ending)
+        ending.add_done_callback(self._endings.discard)
+
+    async def _end(self, number: int, work: asyncio.Task) -> None:
+        """Tells how a command has ended, also one that was cancelled before it began."""
+        await asyncio.wait({work})
+        del self._running[number]
+        if work.cancelled():
             end = {"outcome": "cancelled", "text": "stopped", "data": {}}
-        except ConnectionError:
+        elif work.exception() is not None:  # the page has gone while it was told
             return
-        finally:
-            self._running.pop(number, None)
-        if not self._socket.closed:
-            try:
-                await self._send({"kind": "end", "id": number, **end})
-            except ConnectionError:
-                pass
+        else:
+            end = work.result()
+        with contextlib.suppress(ConnectionError):
+            await self._send({"kind": "end", "id": number, **end})

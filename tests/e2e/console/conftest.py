@@ -27,8 +27,8 @@ _OPTIONS = ("--headless=new", "--no-sandbox", "--disable-dev-shm-usage", "--disa
 
 
 @pytest.fixture(scope="session")
-def browser() -> Iterator[webdriver.Chrome]:
-    """The browser of this worker; all that it writes is thrown away."""
+def browser(leftovers: None) -> Iterator[webdriver.Chrome]:
+    """The browser of this worker; all that it writes is thrown away. It ends before `leftovers`."""
     with tempfile.TemporaryDirectory(prefix="console-browser-") as home:
         options = Options()
         options.binary_location = "/usr/bin/chromium"

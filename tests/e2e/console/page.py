@@ -42,7 +42,7 @@ class Page:
 
     def go(self, panel: str) -> None:
         """Opens a panel from the list at the side."""
-        self.find(f'.tabs [data-panel="{panel}"]').click()
+        self.click(lambda: self.find(f'.tabs [data-panel="{panel}"]'))
         self.wait(lambda: self.panel().get_attribute("data-content") == panel, f"panel {panel}")
 
     def panel(self) -> WebElement:
@@ -111,15 +111,19 @@ class Page:
 
     def press(self, text: str, within: Optional[WebElement] = None) -> None:
         """Presses a button."""
-        def click() -> bool:
-            element = self.button(text, within)
+        self.click(lambda: self.button(text, within))
+
+    def click(self, look: Callable[[], WebElement]) -> None:
+        """Brings an element into view and clicks it, again if what grows above it has moved it."""
+        def done() -> bool:
+            element = look()
             self.driver.execute_script("arguments[0].scrollIntoView({block: 'center'})", element)
             try:
                 element.click()
-            except ElementClickInterceptedException:  # what grows above it has moved it meanwhile
+            except ElementClickInterceptedException:
                 return False
             return True
-        self.wait(click, f"{text!r} to be pressed")
+        self.wait(done, "a click to arrive")
 
     def field(self, label: str, within: Optional[WebElement] = None) -> WebElement:
         """The input with this label."""

@@ -125,6 +125,7 @@ def test_statistics_move(open_panel, online):
     page.press("Stop", page.card("Reports under way"))
     page.says("slot 2 reports no more", ".notice")
     page.says("The device reports nothing by itself yet.")
+    page.find("summary").click()
     page.press("Ask once")
     page.wait(lambda: page.text(".outcome .notice") == "done", "the one report")
 

@@ -36,7 +36,8 @@ export async function lineChart(title, unit) {
       maintainAspectRatio: false, parsing: false, interaction: { mode: "nearest", axis: "x", intersect: false },
       scales: {
         x: { type: "linear", ticks: { callback: (value) => clock(value, false), maxTicksLimit: 4, maxRotation: 0 } },
-        y: { ticks: { callback: (value) => measure(value, unit), maxTicksLimit: 4 }, grace: "10%" },
+        y: { ticks: { callback: (value) => measure(value, unit), maxTicksLimit: 4 },
+          ...(unit === "%" ? { min: 0, max: 100 } : { grace: "10%" }) },
       },
       plugins: { tooltip: { callbacks: {
         title: (items) => clock(items[0].parsed.x), label: (item) => `${item.dataset.label}: ${measure(item.parsed.y, unit)}`,
@@ -61,7 +62,7 @@ export async function lineChart(title, unit) {
     element: h("div", { class: "chart" }, canvas),
     add: (name, at, value) => {
       if (!lines.has(name)) {
-        lines.set(name, { label: name, data: [], borderWidth: 1.8, pointRadius: 1.5, tension: 0.2 });
+        lines.set(name, { label: name, data: [], borderWidth: 1.8, pointRadius: 1.5 });
         chart.data.datasets.push(lines.get(name));
         paint();
       }

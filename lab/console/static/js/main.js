@@ -11,10 +11,15 @@ const main = document.getElementById("main");
 const crumbs = document.getElementById("crumbs");
 let shown = { key: "", page: null };
 
-// The address after "#": "/" or "/device/ID/PANEL".
+// The address after "#": "/" or "/device/ID/PANEL"; whatever else stands there means the first.
 function place() {
-  const [, kind, id, panel] = location.hash.slice(1).split("/").map(decodeURIComponent);
-  return kind === "device" && id ? { kind, id, panel: panel ?? "" } : { kind: "overview" };
+  try {
+    const [, kind, id, panel] = location.hash.slice(1).split("/").map(decodeURIComponent);
+    if (kind === "device" && id) return { kind, id, panel: panel ?? "" };
+  } catch (error) {
+    if (!(error instanceof URIError)) throw error;
+  }
+  return { kind: "overview" };
 }
 
 function show() {

@@ -44,10 +44,11 @@ export function statsPanel(id) {
   const out = outcomes({ trail: false });
   const chosenHere = h("div", { class: "stack" });
   const shown = h("div", { class: "stack" });
-  const slot = select(SLOTS.map((number) => [number, number]), { style: null });
+  const slot = select(SLOTS.map((number) => [number, number]));
   const interval = h("input", { type: "number", min: 1, max: 86400, value: 3 });
   const stop = (number) => out.begin("stats-stop", { slot: number });
   const standing = standingList(id, stop);
+  const choosing = h("details", { class: "card", open: true }, h("summary", {}, "Choose what it reports"), chosenHere);
   let view = null;
   let unfollow = null;
 
@@ -55,8 +56,11 @@ export function statsPanel(id) {
     const fields = chooser("Values of the device", known.fields, FIRST_FIELDS);
     const tables = chooser("Tables, reported whole", known.tables, FIRST_TABLES);
     view = statsView(known);
-    const start = workButton("Start", () => out.begin("stats-subscribe", { slot: Number(slot.value),
-      interval: Number(interval.value), fields: fields.chosen(), tables: tables.chosen() }), "primary");
+    const start = workButton("Start", async () => {
+      const end = await out.begin("stats-subscribe", { slot: Number(slot.value), interval: Number(interval.value),
+        fields: fields.chosen(), tables: tables.chosen() });
+      if (end.outcome === "done") choosing.open = false; // the charts come below
+    }, "primary");
     const once = workButton("Ask once", async () => {
       const end = await out.begin("stats-once", { kind: "once", fields: fields.chosen(), tables: tables.chosen() });
       if (end.outcome === "done") view.take({ at: Date.now() / 1000, stats: end.data.stats });
@@ -70,7 +74,7 @@ export function statsPanel(id) {
   return {
     element: h("div", { class: "stack" },
       card("Reports under way", null, standing.element, out.element),
-      h("details", { class: "card", open: true }, h("summary", {}, "Choose what it reports"), chosenHere), shown),
+      choosing, shown),
     show: () => { unfollow ??= follow("report"); },
     close: () => { unfollow?.(); offs.forEach((off) => off()); view?.close(); },
   };

@@ -1,0 +1,115 @@
+"""The console on several screens, by keyboard, and when the lab goes and comes."""
+
+from urllib.parse import urlsplit
+
+import pytest
+from selenium.webdriver.common.keys import Keys
+
+from lab.console.files import STATIC
+from lab.console.server import Console
+
+SCREENS = {"phone": (390, 844, False), "phone-dark": (390, 844, True),
+           "laptop": (1280, 800, False), "laptop-dark": (1280, 800, True)}
+TOO_WIDE = """
+const wide = document.documentElement.clientWidth;
+return [...document.querySelectorAll('body *')].filter((one) => one.checkVisibility()
+    && one.getBoundingClientRect().right > wide + 1 && !one.closest('.scroll, .tabs, .sr, pre, textarea, .diff, svg'))
+    .map((one) => `${one.tagName}.${one.className}: ${one.textContent.slice(0, 30)}`);
+"""
+FOCUSED = "return document.activeElement.innerText || document.activeElement.tagName"
+
+
+def panels(page):
+    """The names of all panels."""
+    return [one.get_attribute("data-panel") for one in page.all(".tabs a")]
+
+
+@pytest.mark.parametrize("screen", SCREENS)
+def test_nothing_is_cut_off(open_panel, screen):
+    page = open_panel("summary")
+    width, height, dark = SCREENS[screen]
+    page.size(width, height, dark)
+    try:
+        for name in panels(page):
+            page.go(name)
+            if name == "stats":
+                page.press("Ask once")
+                page.find("[data-table] canvas")
+            page.wait(lambda: page.run(TOO_WIDE) == [], f"{name} to fit: {page.run(TOO_WIDE)}", 3)
+            assert page.run("return document.documentElement.scrollWidth") <= width, name
+            page.picture(f"{name}")
+        colour = page.run("return getComputedStyle(document.body).backgroundColor")
+        assert (int(colour.split("(")[1].split(",")[0]) < 64) == dark
+    finally:
+        page.normal_size()
+
+
+def test_everything_has_a_name_and_is_reached_by_keyboard(open_panel):
+    page = open_panel("summary")
+    for name in panels(page):
+        page.go(name)
+        if name == "messages":
+            page.find("#messages .message").click()
+        for element in page.all("button, input, select, textarea, a[href], canvas, summary"):
+            assert element.accessible_name, f"{name}: {element.get_attribute('outerHTML')}"
+    page.open("summary")
+    page.state("Online")
+    reached = []
+    for _ in range(60):
+        page.driver.switch_to.active_element.send_keys(Keys.TAB)
+        reached.append(page.run(FOCUSED).strip())
+        ring = page.run("return getComputedStyle(document.activeElement).outlineStyle")
+        assert ring != "none", f"{reached[-1]} does not show that it has the focus"
+        if reached[-1] == "Ask":
+            break
+    wanted = ["Skip to the content", "Orvanta console", "Devices", "Overview", "Faults", "Locate",
+              "Reboot", "Show", "Set", "Offer", "Ask"]
+    assert [one for one in reached if one in wanted] == wanted, reached
+
+
+def test_messages_are_walked_by_arrow_keys(open_panel):
+    page = open_panel("messages")
+    page.find("#messages .message").click()
+    first = page.run("return document.activeElement.dataset.id")
+    page.driver.switch_to.active_element.send_keys(Keys.ARROW_DOWN)
+    second = page.run("return document.activeElement.dataset.id")
+    assert int(second) < int(first)
+    page.wait(lambda: page.run("return document.querySelector('#messages [aria-current]').dataset.id")
+              == second, "it to be chosen")
+
+
+def test_every_module_is_used_and_can_be_read(page):
+    page.open()
+    names = sorted(str(path.relative_to(STATIC)) for path in STATIC.rglob("*.js"))
+    load = ("const done = arguments[arguments.length - 1];"
+            "import('/' + arguments[0]).then(() => done(''), (error) => done(String(error)));")
+    page.open("summary")
+    used = page.run("return performance.getEntriesByType('resource').map((one) => one.name)")
+    for name in names:
+        assert page.driver.execute_async_script(load, name) == "", name
+        assert any(one.endswith("/" + name) for one in used), f"nothing uses {name}"
+        assert len((STATIC / name).read_text(encoding="utf-8").splitlines()) < 300, name
+    foreign = [one for one in used if not one.startswith(page.url)]
+    assert not foreign, "the page has asked somebody else"
+
+
+def test_the_lab_goes_and_another_comes(page, lab, console):
+    page.open("summary")
+    page.state("Not started")
+    console.stop()
+    page.says("the lab does not answer", "#link")
+    page.press("Locate", page.card("Find it"))
+    page.says("There is no connection to the lab.", ".notice")
+    with Console(lab, urlsplit(console.url).port):
+        page.says("live", "#link", 30)
+        page.state("Not started")
+    page.driver.get("about:blank")
+    assert any("/live" in line for line in page.log()), "only the connection may have failed"
+
+
+def test_a_device_that_is_not_there(page):
+    page.open()
+    page.driver.get(page.url + "#/device/%3Cb%3Ex/summary")
+    page.says("This lab has no device <b>x")
+    page.driver.get(page.url + "#/device/%zz")
+    page.says("Devices", "h1")
