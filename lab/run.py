@@ -60,8 +60,8 @@ def _arguments() -> argparse.Namespace:
                         help="how long --until may take (default: %(default)g)")
     parser.add_argument("--faketime", default="", metavar="SPEC",
                         help='speed the agent\'s clock, for instance "+0 x10"')
-    parser.add_argument("--sku", type=int, metavar="N",
-                        help="the hardware variant: 0 to 2 can scan 5GHz, 3 to 5 2.4GHz (default: 6)")
+    parser.add_argument("--sku", type=int, metavar="N", default=5,
+                        help="the hardware variant: 0 to 2 can scan 5GHz, 3 to 5 2.4GHz (default: 5)")
     parser.add_argument("--dhcp", action="store_true",
                         help="give the device its address by DHCP (default: a fixed one)")
     parser.add_argument("--dhcp-url", metavar="URL",

@@ -7,6 +7,7 @@ from types import ModuleType
 from typing import Any
 
 from lab import schemas
+from lab.firmware import FAULTS
 from lab.scmd.stats.vocabulary import FIELDS, TABLES
 
 
@@ -52,3 +53,11 @@ def statistics() -> dict[str, Any]:
                                 for column, (unit, meaning) in table.columns.items()]}
                    for name, table in TABLES.items()],
     }
+
+
+def firmware() -> dict[str, Any]:
+    """What can go wrong with an upgrade, on demand."""
+    device = {"full-disk": "no room for the image on the device",
+              "status=9": "the device's script ends with a status of its own"}
+    return {"faults": [{"name": name, "meaning": meaning}
+                       for name, meaning in {**FAULTS, **device}.items()]}

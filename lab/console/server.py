@@ -74,6 +74,9 @@ class Console:
         application.router.add_get("/api/state", self._state)
         application.router.add_get("/api/protocol", self._protocol)
         application.router.add_get("/api/statistics", self._statistics)
+        application.router.add_get("/api/firmware", self._firmware)
+        application.router.add_get("/api/uploads/{name:[A-Za-z0-9_-][A-Za-z0-9._-]{0,127}}",
+                                   self._upload)
         application.router.add_get("/api/messages", self._messages)
         application.router.add_get("/api/messages/{id:[0-9]{1,15}}", self._message)
         application.router.add_get("/charts/{name:.+}", files.charts)
@@ -128,6 +131,18 @@ class Console:
 
     async def _statistics(self, _request: web.Request) -> web.Response:
         return _json(documents.statistics())
+
+    async def _firmware(self, _request: web.Request) -> web.Response:
+        return _json(documents.firmware())
+
+    async def _upload(self, request: web.Request) -> web.StreamResponse:
+        name = request.match_info["name"]
+        path = self._lab.files.uploaded_path(name)
+        if not path.is_file():
+            raise web.HTTPNotFound(text="the device has uploaded no such file\n")
+        return web.FileResponse(path, headers={
+            "Content-Type": "application/octet-stream",
+            "Content-Disposition": f'attachment; filename="{name}"'})
 
     async def _messages(self, request: web.Request) -> web.Response:
         try:

@@ -13,7 +13,7 @@ function line(what) {
   const arrow = { sent: "→ device", received: "← device" }[what.kind] ?? "*";
   const text = what.text.length > LONGEST ? `${what.text.slice(0, LONGEST)}…` : what.text;
   const name = what.kind === "event" ? "" : `${what.number ?? "?"} ${what.name}: `;
-  return h("li", {}, h("span", {}, clock(what.time)), h("span", { class: "arrow" }, arrow),
+  return h("li", {}, h("span", { class: "when" }, clock(what.time)), h("span", { class: "arrow" }, arrow),
     h("span", {}, name + text));
 }
 

@@ -7,19 +7,27 @@ import { empty, pill, STATES } from "./parts.js";
 import { device, known, on } from "./store.js";
 import { configPanel } from "./panels/config.js";
 import { faultsPanel } from "./panels/faults.js";
+import { firmwarePanel } from "./panels/firmware.js";
 import { logPanel } from "./panels/log.js";
 import { messagesPanel } from "./panels/messages.js";
+import { programsPanel } from "./panels/programs.js";
+import { scanPanel } from "./panels/scan.js";
 import { statsPanel } from "./panels/stats.js";
 import { summaryPanel } from "./panels/summary.js";
+import { troublePanel } from "./panels/trouble.js";
 
-// A panel is there only if the lab has the commands that it needs.
+// A panel is there only if the lab has one of the commands that it is about.
 const PANELS = [
-  { name: "summary", title: "Overview", needs: [], make: summaryPanel },
-  { name: "messages", title: "Messages", needs: [], make: messagesPanel },
-  { name: "config", title: "Configuration", needs: ["config-push", "config-pull"], make: configPanel },
-  { name: "stats", title: "Statistics", needs: ["stats-subscribe", "stats-stop"], make: statsPanel },
-  { name: "log", title: "Log", needs: [], make: logPanel },
-  { name: "faults", title: "Faults", needs: ["faults", "fault-begin", "fault-end"], make: faultsPanel },
+  { name: "summary", title: "Overview", make: summaryPanel },
+  { name: "messages", title: "Messages", make: messagesPanel },
+  { name: "config", title: "Configuration", about: ["config-push"], make: configPanel },
+  { name: "stats", title: "Statistics", about: ["stats-subscribe"], make: statsPanel },
+  { name: "trouble", title: "Troubleshooting", about: ["run", "latency"], make: troublePanel },
+  { name: "scan", title: "Radio scan", about: ["scan"], make: scanPanel },
+  { name: "firmware", title: "Firmware", about: ["upgrade", "support-archive"], make: firmwarePanel },
+  { name: "programs", title: "Programs", about: ["event", "wifid-event"], make: programsPanel },
+  { name: "log", title: "Log", make: logPanel },
+  { name: "faults", title: "Faults", about: ["fault-begin"], make: faultsPanel },
 ];
 
 const SILENCE = 30; // seconds: the agent's keep-alives are less than 20 s apart
@@ -58,7 +66,7 @@ export function devicePage(id) {
   if (!device(id)) {
     return { element: empty("This lab has no device ", id, ". ", h("a", { href: "#/" }, "See all devices")), close() {} };
   }
-  const panels = PANELS.filter((panel) => panel.needs.every((command) => known.commands.has(command)));
+  const panels = PANELS.filter((panel) => !panel.about || panel.about.some((command) => known.commands.has(command)));
   const made = new Map();
   const head = deviceHead(id);
   const tabs = h("nav", { class: "tabs", "aria-label": "Panels of this device" });

@@ -49,7 +49,9 @@ export function messagesPanel() {
     wanted += 1;
     const mine = wanted;
     const shown = await detail(one);
-    if (mine === wanted) replace(side, shown);
+    if (mine !== wanted) return;
+    replace(side, shown);
+    if (side.getBoundingClientRect().top > window.innerHeight - 80) side.scrollIntoView(); // on a narrow screen
   };
   const rowOf = (one) => {
     const element = row(one, () => choose(one, element));

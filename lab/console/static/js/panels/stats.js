@@ -63,7 +63,9 @@ export function statsPanel(id) {
     }, "primary");
     const once = workButton("Ask once", async () => {
       const end = await out.begin("stats-once", { kind: "once", fields: fields.chosen(), tables: tables.chosen() });
-      if (end.outcome === "done") view.take({ at: Date.now() / 1000, stats: end.data.stats });
+      if (end.outcome !== "done") return;
+      out.show("good", "The report is below.");
+      view.take({ at: Date.now() / 1000, stats: end.data.stats });
     });
     replace(chosenHere, fields.element, tables.element, h("div", { class: "row end" }, field("Slot", slot),
       field("Every, s", interval), start, once));

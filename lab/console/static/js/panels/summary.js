@@ -3,7 +3,8 @@
 import { append, h, replace, setText } from "../dom.js";
 import { clock, date, duration, since } from "../format.js";
 import { outcomes, workButton } from "../action.js";
-import { card, check, facts, field } from "../parts.js";
+import { asking } from "../asking.js";
+import { card, check, facts, field, select } from "../parts.js";
 import { device, known, on } from "../store.js";
 import { timeline } from "../timeline.js";
 
@@ -44,13 +45,6 @@ function happenings() {
     if (list.children.length > MOST_SHOWN) list.lastChild.remove();
   });
   return { element: list, off };
-}
-
-// A form of one line with its button and outcome.
-function asking(title, inputs, text, work, kind = "") {
-  const out = outcomes();
-  const go = workButton(text, () => work(out), kind);
-  return card(title, null, h("div", { class: "stack tight" }, h("div", { class: "row end" }, inputs, go), out.element));
 }
 
 function info() {
@@ -105,8 +99,17 @@ function time() {
     });
 }
 
+function managed() {
+  const yes = select([["", "not told"], ["yes", "yes"], ["no", "no"]]);
+  const account = h("input", { type: "text", placeholder: "not told" });
+  const expiry = h("input", { type: "text", placeholder: "2031-12-31" });
+  return asking("Managed", [field("Managed", yes), field("Account", account, { grow: true }),
+    field("Hardware expires", expiry, { grow: true })], "Tell", (out) => out.begin("managed", {
+    managed: { yes: true, no: false }[yes.value] ?? null, account: account.value || null, expiry: expiry.value || null }));
+}
+
 const ACTIONS = [["locate", locate], ["reboot", reboot], ["status", status], ["intervals", intervals],
-  ["clock", time], ["info", info]];
+  ["clock", time], ["managed", managed], ["info", info]];
 
 export function summaryPanel(id) {
   const strip = timeline();
