@@ -6,6 +6,7 @@ and "data". Several clients may be at it at once; one that goes away ends its co
 """
 
 import asyncio
+import contextlib
 import json
 from typing import Any, Optional
 
@@ -85,8 +86,10 @@ class CtlServer:
 
     async def _answer(self, line: bytes, writer: asyncio.StreamWriter) -> None:
         async def tell(what: dict[str, Any]) -> None:
-            writer.write(json.dumps(what).encode() + b"\n")
-            await writer.drain()
+            # To a client that goes: the command hears of it by being cancelled, and ends in order.
+            with contextlib.suppress(ConnectionError):
+                writer.write(json.dumps(what).encode() + b"\n")
+                await writer.drain()
 
         try:
             request = json.loads(line)

@@ -125,7 +125,9 @@ class Session:
                               "text": "too many commands at once"})
             return
         async def tell(what: dict[str, Any]) -> None:
-            await self._send({"kind": "told", "id": number, "what": what})
+            # To a page that goes: the command hears of it by being cancelled, and ends in order.
+            with contextlib.suppress(ConnectionError):
+                await self._send({"kind": "told", "id": number, "what": what})
 
         work = asyncio.create_task(carry_out(self._lab, wish, tell))
         self._running[number] = work
@@ -139,8 +141,6 @@ class Session:
         del self._running[number]
         if work.cancelled():
             end = {"outcome": "cancelled", "text": "stopped", "data": {}}
-        elif work.exception() is not None:  # the page has gone while it was told
-            return
         else:
             end = work.result()
         with contextlib.suppress(ConnectionError):

@@ -19,7 +19,7 @@ WAIT = 20.0
 Condition = Callable[[], Any]
 _TEXTS = """
 return [...document.querySelectorAll(arguments[0])]
-    .filter((one) => one.checkVisibility()).map((one) => one.innerText.trim());
+    .filter((one) => one.checkVisibility()).map((one) => (one.innerText ?? one.textContent).trim());
 """
 
 

@@ -107,6 +107,19 @@ def test_the_lab_goes_and_another_comes(page, lab, console):
     assert any("/live" in line for line in page.log()), "only the connection may have failed"
 
 
+def test_the_way_back(page, lab, console):
+    page.open("log")
+    page.state("Not started")
+    listeners = len(lab.journal._listeners)
+    page.driver.get("about:blank")
+    page.wait(lambda: not console._pages, "the page to let its connection go")
+    page.driver.back()
+    page.says("live", "#link")
+    page.state("Not started")
+    page.wait(lambda: len(console._pages) == 1, "one connection")
+    assert len(lab.journal._listeners) == listeners
+
+
 def test_a_device_that_is_not_there(page):
     page.open()
     page.driver.get(page.url + "#/device/%3Cb%3Ex/summary")

@@ -57,6 +57,33 @@ def test_the_radio_neighbourhood(device, lab):
     device.says("nowhere.example did not answer", ".notice")
 
 
+def test_commands_run_on_the_device(device, lab):
+    device.open("trouble")
+    screen = ".terminal"
+    device.write("Count", "2")
+    device.press("Run")
+    device.says("$ ping 10.77.0.1 2\nPING 10.77.0.1", screen)
+    device.says("2 received", screen)
+    device.says("it has ended", screen)
+    device.write("Count", "")
+    device.press("Run")
+    device.says("icmp_seq=3", screen)
+    device.press("Stop")
+    device.says("\nstopped", screen)
+    assert lab.controller.wait_message(410)
+    assert not device.button("Run").get_attribute("disabled")
+    device.choose("Command", "Resolve a name")
+    device.write("Name", f"{HOSTILE}.example")
+    device.press("Run")
+    device.says(f"$ nslookup {HOSTILE}.example\n", screen)
+    device.says("failed: Name or service not known", screen)
+    device.choose("Command", "Follow the log")
+    device.press("Run")
+    device.says("Command from Orvanta: log", screen)
+    device.open("summary")  # the page goes, and its command with it
+    lab.controller.wait_message(410)
+
+
 def test_programs_of_the_device(device, lab):
     device.open("programs")
     card = device.card("A program raises an event")

@@ -15,5 +15,10 @@ export function terminal(label) {
     while (element.childNodes.length > MOST_PIECES) element.firstChild.remove();
     if (atEnd) element.scrollTop = element.scrollHeight;
   };
-  return { element, write, clear: () => replace(element) };
+  // A line of its own, whatever the output before it ended with.
+  const line = (text, kind) => {
+    const last = element.lastChild?.textContent ?? "\n";
+    write(`${last.endsWith("\n") ? "" : "\n"}${text}\n`, kind);
+  };
+  return { element, write, line, clear: () => replace(element) };
 }

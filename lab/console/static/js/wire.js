@@ -8,6 +8,7 @@ let nextId = 1;
 const running = new Map();
 const topics = new Map();
 let handlers = {};
+let away = false;
 
 // hello(all), live(items, missed), link("live" | "connecting" | "lost")
 export function connect(given) {
@@ -15,11 +16,27 @@ export function connect(given) {
   open();
 }
 
+// A page that is left may be kept for the way back, its connection with it: the lab would go on with
+// commands that nobody looks at.
+window.addEventListener("pagehide", () => {
+  away = true;
+  socket?.close();
+  closed();
+});
+window.addEventListener("pageshow", (event) => {
+  if (!event.persisted) return;
+  away = false;
+  open();
+});
+
 function open() {
   handlers.link(attempts ? "lost" : "connecting");
-  socket = new WebSocket(`ws://${location.host}/live`);
-  socket.onmessage = (event) => hear(JSON.parse(event.data));
-  socket.onclose = closed;
+  const mine = new WebSocket(`ws://${location.host}/live`);
+  socket = mine;
+  mine.onmessage = (event) => hear(JSON.parse(event.data));
+  mine.onclose = () => {
+    if (socket === mine) closed(); // else a newer one is in its place
+  };
 }
 
 function closed() {
@@ -28,6 +45,7 @@ function closed() {
   for (const command of [...running.values()]) {
     command.finish({ outcome: "failed", text: "The connection to the lab was lost.", data: {} });
   }
+  if (away) return;
   setTimeout(open, RETRY_MS[Math.min(attempts, RETRY_MS.length - 1)]);
   attempts += 1;
 }

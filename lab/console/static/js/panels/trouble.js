@@ -65,17 +65,17 @@ function commands() {
   const go = button("Run", async () => {
     const wish = asked();
     const typed = Object.values(wish.arguments).flat().join(" ");
-    screen.write(`$ ${wish.command} ${typed}`.trimEnd() + "\n", "you");
+    screen.line(`$ ${wish.command} ${typed}`.trimEnd(), "you");
     go.disabled = true;
     stop.disabled = false;
     state.textContent = "running";
     current = run("run", wish, (what) => {
       if (what.kind === "output") screen.write(what.text);
-      else if (what.kind === "note") screen.write(`(${what.text})\n`, "aside");
+      else if (what.kind === "note") screen.line(`(${what.text})`, "aside");
     });
     const end = await current.done;
     const bad = end.outcome !== "done" && end.text !== "stopped";
-    screen.write(`${bad ? "failed: " : ""}${end.text}\n`, bad ? "bad" : "aside");
+    screen.line(`${bad ? "failed: " : ""}${end.text}`, bad ? "bad" : "aside");
     state.textContent = bad ? "failed" : end.text;
     go.disabled = false;
     stop.disabled = true;
