@@ -13,7 +13,6 @@ from collections.abc import Awaitable, Callable
 from typing import Any, Optional
 
 from lab import (faultcommands, probecommands, runcommands, schemas, statscommands, upgradecommands,
-from lab import (probecommands, runcommands, schemas, statscommands, upgradecommands,
                  wificommands)
 from lab.controller import REGISTER, REGISTER_SUCCESS, Acceptance
 from lab.desk import BAD, GOOD, MORE, Desk, Failed, Outcome, Verdict, answers, told

@@ -1,13 +1,10 @@
 #include "operations/front-end-requests.h"
 
 #include <string>
+#include <vector>
 
 #include "protocol/error-codes.h"
 #include "tests/unit/radio-scan-test.h"
-
-/* A refusal ends whatever command runs, and says so even where none does. */
-#define COMMAND_ENDED R"({"msgType": 409, "status": "Complete", "output": ""})"
-#define COMMAND_STOPPED R"({"msgType": 410})"
 
 class radio_scan_local : public radio_scan {
 protected:
@@ -50,6 +47,10 @@ TEST_F(radio_scan_local, the_result_goes_to_the_front_end)
     begin(); /* the controller's next one */
     EXPECT_EQ(orv_radio_scan, 1);
 }
+
+/* A refusal ends whatever command runs, and says so even where none does. */
+#define COMMAND_ENDED R"({"msgType": 409, "status": "Complete", "output": ""})"
+#define COMMAND_STOPPED R"({"msgType": 410})"
 
 TEST_F(radio_scan_local, failures_go_to_the_front_end)
 {
@@ -109,7 +110,9 @@ TEST_F(radio_scan_local, a_second_request_turns_the_result_to_the_controller)
     EXPECT_EQ(daemon.request(), std::string(12, '\0'));
     page.ask("5GHz");
     EXPECT_EQ(page.hear(), failure("Radio scan already in progress, please wait"));
+    EXPECT_EQ(page.hear(), COMMAND_ENDED);
     EXPECT_EQ(page.hear(), "(closed)");
+    EXPECT_EQ(take_queued(), std::vector<std::string>{COMMAND_STOPPED});
     reply(scan_header(1, 0, 0));
     EXPECT_EQ(take_one_queued().substr(0, 15), "{\"msgType\": 411");
     EXPECT_EQ(scan_in_progress, 0);
