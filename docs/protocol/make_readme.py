@@ -74,16 +74,20 @@ def _messages(rows: list[Schema], direction: str) -> str:
 
 def _message(row: Schema) -> str:
     schema = _read(row["schema"])
-    rows = list(members(schema))
     if row["direction"] == "to-controller":
-        table = _table(["#", "member", "value", "meaning"], [
-            [str(number), member[0], member[1] + (", or left out" if member[2] == "no" else ""),
-             member[3]] for number, member in enumerate(rows, 1)])
+        table = _in_order(schema)
     else:
-        table = _table(["member", "value", "needed", "meaning"], [list(row) for row in rows])
+        table = _table(["member", "value", "needed", "meaning"], [list(row) for row in members(schema)])
     examples = "\n".join(json.dumps(example, ensure_ascii=False) for example in schema["examples"])
     return (f'### {_heading(row)}\n\n{schema["description"]} ([schema]({row["schema"]}))\n\n'
             f"{table}\n\n```json\n{examples}\n```")
+
+
+def _in_order(schema: Schema) -> str:
+    """The members of what a program of the device sends, which keep their order."""
+    return _table(["#", "member", "value", "meaning"], [
+        [str(number), member[0], member[1] + (", or left out" if member[2] == "no" else ""), member[3]]
+        for number, member in enumerate(members(schema), 1)])
 
 
 def members(schema: Schema, prefix: str = "") -> Iterator[tuple[str, str, str, str]]:
@@ -146,9 +150,7 @@ def _events() -> str:
     for path in sorted((HERE / "events").iterdir()):
         schema = json.loads(path.read_text(encoding="utf-8"))
         name = path.name.partition(".")[0]
-        table = _table(["#", "member", "value", "meaning"], [
-            [str(number), member[0], member[1] + (", or left out" if member[2] == "no" else ""),
-             member[3]] for number, member in enumerate(_members(schema), 1)])
+        table = _in_order(schema)
         examples = "\n".join(json.dumps(example) for example in schema["examples"])
         found.append(f'### Event {name}\n\n{schema["description"]} ([schema](events/{path.name}))\n\n'
                      f"{table}\n\n```json\n{examples}\n```")
