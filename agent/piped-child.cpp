@@ -13,6 +13,7 @@
 #include "agent/debug-log.h"
 #include "agent/owners.h"
 #include "agent/signal-mask.h"
+#include "agent/utils.h"
 
 [[noreturn]] static void give_up(const char *call)
 {
@@ -35,6 +36,7 @@
     (void)dup2(output, STDOUT_FILENO);
     (void)dup2(output, STDERR_FILENO);
     signals_reset_for_child();
+    close_descriptors_for_child();
     /* execvp takes the list as it is; the missing const is history. */
     execvp(program.vector[0], const_cast<char *const *>(program.vector));
     if (program.failed)

@@ -12,6 +12,7 @@
 
 #include "agent/hooks.h"
 #include "agent/signal-mask.h"
+#include "agent/utils.h"
 
 enum {
     BEAT_PERIOD = 2,         /* seconds */
@@ -114,6 +115,7 @@ static int run_and_wait(const char *path, char *const *vector, int64_t beats)
     if (child == 0) {
         signals_reset_for_child();
         kept.put_back();
+        close_descriptors_for_child();
         execv(path, vector);
         _exit(1);
     }

@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 
 #include "agent/debug-log.h"
+#include "agent/ev.h"
 #include "agent/owners.h"
 
 #define MODULE "utils.c"
@@ -94,6 +95,12 @@ file_ptr open_plain_file(const char *path)
     if (file)
         (void)fd.release();
     return file;
+}
+
+void close_descriptors_for_child(void)
+{
+    for (int fd = STDERR_FILENO + 1; fd < EV_FD_LIMIT; fd++)
+        (void)close(fd);
 }
 
 int read_value_file(const char *path, char *buffer, size_t n)

@@ -43,6 +43,10 @@ void read_file(FILE *stream, char *buffer, size_t n);
 /* Opens a file for reading; null when it cannot be, or is no plain file: a pipe would wait for its writer. */
 file_ptr open_plain_file(const char *path);
 
+/* In a child, before its program takes over: closes all descriptors but 0, 1 and 2, those too that the agent
+ * itself was started with. */
+void close_descriptors_for_child(void);
+
 /* Opens and reads a value file as read_file does. Returns -1, with an empty buffer, when it cannot be opened
  * or is no plain file. */
 int read_value_file(const char *path, char *buffer, size_t n);

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <filesystem>
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -229,6 +230,14 @@ TEST_F(run, children_start_with_default_dispositions_and_an_empty_mask)
     std::string status = file_text("/tmp/run/status");
     for (const char *line : {"SigBlk:\t0000000000000000\n", "SigIgn:\t0000000000000000\n"})
         EXPECT_NE(status.find(line), std::string::npos) << line << status;
+}
+
+TEST_F(run, a_child_gets_no_descriptor_that_the_agent_was_started_with)
+{
+    int inherited = open("/dev/null", O_RDONLY);
+    script("/tmp/run/looks", "[ ! -e /proc/$$/fd/" + std::to_string(inherited) + " ]");
+    EXPECT_EQ(safe_system_run("/tmp/run/looks", END), 0);
+    close(inherited);
 }
 
 TEST_F(run, a_child_of_an_agent_that_ignores_the_interrupt_ignores_both_keyboard_signals)
