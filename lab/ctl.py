@@ -82,12 +82,32 @@ def _place(name: Optional[str]) -> ctlplace.Place:
     return running[0]
 
 
+class _Output:
+    """Output of the device as it is, but for control characters. Not all of it ends with a line feed."""
+
+    within_a_line = False
+
+    @classmethod
+    def show(cls, text: str) -> None:
+        """Prints a piece of it."""
+        print("".join(char if char in "\n\t" or char.isprintable() else "?" for char in text),
+              end="", flush=True)
+        cls.within_a_line = not text.endswith("\n") if text else cls.within_a_line
+
+    @classmethod
+    def end_line(cls) -> None:
+        """What comes next begins a line of its own."""
+        if cls.within_a_line:
+            print(flush=True)
+        cls.within_a_line = False
+
+
 def _show(what: dict[str, Any], stream: TextIO, full: bool) -> None:
-    """Prints one line of the lab's answer; output of the device as it is, but for control characters."""
+    """Prints one line, or piece of output, of the lab's answer."""
     if what["kind"] == "output":
-        print("".join(char if char in "\n\t" or char.isprintable() else "?"
-                      for char in what["text"]), end="", flush=True)
+        _Output.show(what["text"])
         return
+    _Output.end_line()
     if what["kind"] == "note":
         line = f"({what['text']})"
     else:
@@ -153,6 +173,7 @@ def _finish(verb: Verb, arguments: argparse.Namespace, end: dict[str, Any],
     if end["data"]:
         verb.output(arguments, end["data"])
     done = end["outcome"] == "done"
+    _Output.end_line()
     if end["text"]:
         print(("done: " if done else "failed: ") + end["text"],
               file=stream if done else sys.stderr)

@@ -12,7 +12,6 @@ from typing import Optional, Sequence
 from cryptography.hazmat.primitives import hashes, serialization
 from cryptography.hazmat.primitives.asymmetric import ec
 
-from lab import device_image
 
 KEY_FILE = "/etc/velmora/firmware-key.pem"
 """The maker's public key on the device."""
@@ -46,9 +45,10 @@ class Firmware:
         return key.sign(data, ec.ECDSA(hashes.SHA256()))
 
     def image(self, version: str, *, size: int = _SIZE, bootloader: bool = False,
-              skus: Sequence[int] = (5, device_image.BOARD["sku"]),
+              skus: Sequence[int] = range(11),
               fault: Optional[str] = None) -> bytes:
-        """An image with `size` bytes of firmware; `fault` is one of `FAULTS`."""
+        """An image with `size` bytes of firmware for these variants of the board; `fault` is one of
+        `FAULTS`."""
         payload = random.Random(version).randbytes(size)
         lines = [] if fault == "version" else [f"version={version}"]
         lines += [f"skus={' '.join(map(str, [99] if fault == 'sku' else skus))}",
