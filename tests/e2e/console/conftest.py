@@ -23,7 +23,8 @@ SCREENSHOTS = REPOSITORY / "build/screenshots"
 _OPTIONS = ("--headless=new", "--no-sandbox", "--disable-dev-shm-usage", "--disable-gpu",
             "--hide-scrollbars", "--disable-extensions", "--disable-component-update",
             "--disable-background-networking", "--disable-sync", "--no-first-run",
-            "--disable-crash-reporter", "--window-size=1360,900")
+            "--disable-crash-reporter", "--force-prefers-reduced-motion",
+            "--disable-software-rasterizer", "--window-size=1360,900")
 
 
 @pytest.fixture(scope="session")
