@@ -53,6 +53,7 @@ def test_changed_lines(config, online):
     sent = [e["text"] for e in online.journal.events("to-agent") if '"msgType": 106' in e["text"]]
     assert sent == ['{"msgType": 106, "config": "set radio0 channel 44\\n"}']
     config.says("Nothing differs from what was pulled.")
+    assert not config.find("#config-push").is_enabled(), "there is nothing to push any more"
     edit(config, "set radio0 channel 44\n", "")
     config.says("Lines that you have removed stay on the device", ".notice")
     config.write("Configuration, one setting a line", HOSTILE)

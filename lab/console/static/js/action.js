@@ -42,14 +42,15 @@ export function outcomes({ trail = true, quiet = false } = {}) {
   return { element, begin, clear: () => replace(element), show: (tone, text) => replace(element, notice(tone, text)) };
 }
 
-// A button that is disabled while its work runs.
-export function workButton(text, work, kind = "", attributes = {}) {
+// A button that is disabled while its work runs. `after` is called when it can be pressed again.
+export function workButton(text, work, kind = "", attributes = {}, after = () => {}) {
   const element = button(text, async () => {
     element.disabled = true;
     try {
       await work();
     } finally {
       element.disabled = false;
+      after();
       if (document.activeElement === document.body) element.focus();
     }
   }, kind, attributes);

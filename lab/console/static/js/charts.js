@@ -62,7 +62,7 @@ export async function lineChart(title, unit) {
     element: h("div", { class: "chart" }, canvas),
     add: (name, at, value) => {
       if (!lines.has(name)) {
-        lines.set(name, { label: name, data: [], borderWidth: 1.8, pointRadius: 1.5 });
+        lines.set(name, { label: name, data: [], borderWidth: 1.8, pointRadius: 1.5, clip: 6 });
         chart.data.datasets.push(lines.get(name));
         paint();
       }

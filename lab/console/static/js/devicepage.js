@@ -30,11 +30,11 @@ const PANELS = [
   { name: "faults", title: "Faults", about: ["fault-begin"], make: faultsPanel },
 ];
 
-const SILENCE = 30; // seconds: the agent's keep-alives are less than 20 s apart
+const SILENCE = 40; // seconds: the agent's keep-alives are less than 30 s apart
 
 // The controller cannot see that a cable was cut; what it sees is that nothing comes any more.
 function silence(now) {
-  const quiet = Date.now() / 1000 - now.ping.at;
+  const quiet = Date.now() / 1000 - Math.max(now.ping.at ?? 0, now.since);
   return now.state === "online" && quiet > SILENCE ? `no keep-alive for ${Math.floor(quiet)} s` : "";
 }
 

@@ -7,7 +7,7 @@ import { known } from "./store.js";
 
 const SPANS = [["120", "2 minutes"], ["600", "10 minutes"], ["3600", "1 hour"], ["0", "all"]];
 const WIDTH = 1000;
-const BAR = 24;
+const BAR = 28;
 
 function segments(from, to) {
   const states = known.states;
@@ -19,7 +19,7 @@ function segments(from, to) {
 
 export function timeline() {
   const range = select(SPANS, { "aria-label": "How much of the time is shown", onchange: () => draw() });
-  const picture = svg("svg", { class: "timeline", viewBox: `0 0 ${WIDTH} 44`, preserveAspectRatio: "none", role: "img" });
+  const picture = svg("svg", { class: "timeline", viewBox: `0 0 ${WIDTH} ${BAR}`, preserveAspectRatio: "none", role: "img" });
   const scale = h("div", { class: "row small muted" });
   const draw = () => {
     const to = Date.now() / 1000;
@@ -28,7 +28,7 @@ export function timeline() {
     const length = Math.max(to - from, 1);
     const x = (at) => ((at - from) / length) * WIDTH;
     replace(picture, segments(from, to).map((one) => svg("rect",
-      { class: one.state, x: x(one.begin), y: 4, height: BAR, width: Math.max(x(one.end) - x(one.begin), 1.5) },
+      { class: one.state, x: x(one.begin), y: 0, height: BAR, width: Math.max(x(one.end) - x(one.begin), 1.5) },
       svg("title", {}, `${clock(one.at)} ${STATES[one.state]?.[0] ?? one.state}: ${one.reason}`))));
     picture.setAttribute("aria-label", `The device's states since ${clock(from, false)}; the list below tells the same`);
     replace(scale, h("span", { class: "grow" }, clock(from, false)), h("span", {}, "now"));

@@ -138,10 +138,7 @@ export function configPanel(id) {
   const json = h("div", { class: "stack tight" }, field("Object", object),
     field("Native part, applied behind the object (may be empty)", native), overwrite.element);
   const pullButton = workButton("Pull from the device", pull, "primary");
-  const push = workButton("Push", async () => {
-    await work();
-    draw();
-  }, "primary", { id: "config-push" });
+  const push = workButton("Push", work, "primary", { id: "config-push" }, () => draw());
   const off = on("device", follow);
   draw();
   return {
