@@ -108,9 +108,7 @@ bool answer_take_line(answer *found, const char *line, size_t length)
     }
     if (trimmed(line, line + length).empty())
         return true;
-    if (*line != ' ' &&
-        *line != '\t') /* a folded line belongs to the one before; none of ours has a second */
-        take_header(found, line, length);
+    take_header(found, line, length);
     return false;
 }
 

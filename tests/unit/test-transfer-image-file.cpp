@@ -32,6 +32,19 @@ extern "C" int __wrap_open(const char *path, int flags, ...)
     return __real_open(path, flags, mode);
 }
 
+static int strangers; /* so many times more somebody lays a file in the image's place at the last moment */
+
+extern "C" int __real_linkat(int from_folder, const char *from, int folder, const char *path, int flags);
+
+extern "C" int __wrap_linkat(int from_folder, const char *from, int folder, const char *path, int flags)
+{
+    if (strangers > 0) {
+        strangers--;
+        write_file(path, "somebody's");
+    }
+    return __real_linkat(from_folder, from, folder, path, flags);
+}
+
 class image_file : public testing::TestWithParam<bool> {
 protected:
     void SetUp() override
@@ -100,6 +113,15 @@ TEST_P(image_file, takes_the_place_of_what_has_come_meanwhile)
     EXPECT_EQ(file_text("/tmp/victim"), "precious");
     EXPECT_FALSE(std::filesystem::is_symlink(IMAGE_PATH));
     EXPECT_EQ(file_text(IMAGE_PATH), "newer");
+}
+
+TEST_P(image_file, takes_the_place_of_what_comes_at_the_last_moment)
+{
+    begin("new");
+    strangers = 2;
+    EXPECT_EQ(image_publish(), 0);
+    EXPECT_EQ(file_text(IMAGE_PATH), "new");
+    strangers = 0;
 }
 
 TEST_P(image_file, a_full_folder_in_its_place_stays)
