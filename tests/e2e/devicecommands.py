@@ -1,5 +1,6 @@
 """Troubleshooting commands: asking, hearing, and programs that do as a test likes."""
 
+import time
 from typing import Any
 
 from expect import fence
@@ -36,7 +37,9 @@ def output(lab: Lab, timeout: float = 20.0) -> str:
 def until_said(lab: Lab, piece: str, timeout: float = 20.0) -> str:
     """The output up to the message that has this piece; "Initiated" comes first."""
     text = ""
+    deadline = time.monotonic() + timeout
     while piece not in text:
+        assert time.monotonic() < deadline, f"{piece!r} is not in {text[-2000:]!r}"
         text += lab.controller.wait_message(409, timeout)["output"]
     return text
 

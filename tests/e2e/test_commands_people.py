@@ -54,6 +54,8 @@ def test_output_is_shown_as_it_comes(ctl, online):
     program(online, "tcpdump", GREETER)
     assert ctl("tcpdump", "--interface", "eth0", "port", "53").returncode == 0
     assert sent(online, 109)["arguments"] == {"interface": "eth0", "filter": "port 53"}
+    assert ctl("tcpdump").returncode == 0
+    assert sent(online, 109)["arguments"] == {"filter": ""}, "else the last one would stay"
     done = ctl("nslookup", "cloud.orvanta.example")
     assert done.stdout == "Name:cloud.orvanta.example Address:10.77.0.1 "
     done = ctl("nslookup", "nowhere.example")

@@ -43,7 +43,8 @@ def test_the_log_is_streamed(start):
 
 def test_a_streamed_log_is_not_about_itself(online):
     ask(online, "log")
-    until_said(online, "Starting command execution for log")
+    assert online.controller.wait_message(409)["status"] == "Initiated"
+    assert online.controller.wait_message(409)["output"], "the history, as far as it fits"
     pieces = [json.dumps(message) for message in online.controller.messages(409)]
     fence(online)
     until_said(online, "MSG_DEV_INFO_REQUEST received")
