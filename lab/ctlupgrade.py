@@ -6,7 +6,7 @@ import shutil
 from typing import Any
 
 from lab.ctlverb import BadUsage, Request, Verb
-from lab.firmware import FAULTS
+from lab.firmwarefaults import FAULTS
 
 _VERSION = re.compile(r"[0-9A-Za-z.+-]{1,64}")
 

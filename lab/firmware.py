@@ -12,18 +12,11 @@ from typing import Optional, Sequence
 from cryptography.hazmat.primitives import hashes, serialization
 from cryptography.hazmat.primitives.asymmetric import ec
 
+from lab import device_image
+from lab.firmwarefaults import FAULTS
 
 KEY_FILE = "/etc/velmora/firmware-key.pem"
 """The maker's public key on the device."""
-FAULTS = {
-    "signature": "signed by somebody else (FwDSCheckFailed)",
-    "payload": "another firmware than the one that was signed (FwDSCheckFailed)",
-    "damaged": "its second half is missing (UnpackFailed)",
-    "bootloader": "its boot loader is signed by somebody else (BootloaderDSCheckFailed)",
-    "sku": "made for another board (UnsupportedSKU)",
-    "version": "without a version (UnknownSwVersion)",
-}
-"""What can be wrong with an image, and what the controller gets to hear of it."""
 _SIZE = 64 * 1024
 
 
@@ -47,6 +40,8 @@ class Firmware:
     def image(self, version: str, *, size: int = _SIZE, bootloader: bool = False,
               skus: Sequence[int] = range(11),
               fault: Optional[str] = None) -> bytes:
+        """An image with `size` bytes of firmware; `fault` is one of `FAULTS`."""
+        assert fault is None or fault in FAULTS, fault
         """An image with `size` bytes of firmware for these variants of the board; `fault` is one of
         `FAULTS`."""
         payload = random.Random(version).randbytes(size)

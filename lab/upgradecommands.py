@@ -11,7 +11,7 @@ from typing import Any, Optional
 
 from lab.controller import REGISTER, REGISTER_SUCCESS, Connection
 from lab.desk import NOT_UNDERSTOOD, Desk, Failed, Outcome, told, words
-from lab.firmware import FAULTS
+from lab.firmwarefaults import FAULTS
 from lab.journal import Event
 from lab.lab import Lab
 

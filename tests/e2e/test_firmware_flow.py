@@ -11,7 +11,7 @@ from test_ctl import HERE, run, untimed
 from lab.banks import FACTORY, boot
 from lab.ctlserver import CtlServer
 from lab.device import REPOSITORY
-from lab.firmware import FAULTS
+from lab.firmwarefaults import FAULTS
 
 IMAGE = "/tmp/tried.img"
 SCRIPT = "/usr/bin/scripts/upgrade.sh"
