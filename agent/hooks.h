@@ -41,7 +41,7 @@ struct agent_hooks {
     /* messages */
     int (*write_to_fcgi)(const char *text, size_t length); /* one packet for the front end */
     int32_t (*sw_update_state)(void);                      /* "swUpdateState" of REGISTER */
-    void (*stop_fw_dl_process)(void);                      /* ends a running firmware download */
+    void (*stop_fw_dl_process)(void); /* ends a running firmware download; also at the end of the agent */
 
     /* dispatcher */
     void (*stop_wifiperf)(void); /* ends a running Wi-Fi throughput test */

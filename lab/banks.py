@@ -1,7 +1,7 @@
-"""The two banks of the device's flash and its boot loader: which firmware runs after the next start.
+"""The two banks of the device's flash and its boot loader: which firmware the next start runs.
 
-"/mnt/flash/boot" names the bank to start from, "a" or "b"; "bank-a" and "bank-b" hold the firmware with
-a file "version". Worked on from the host's side, while the device is down.
+"/mnt/flash/boot" names the bank to start from, "a" or "b"; "bank-a" and "bank-b" hold the firmware
+with a file "version". Worked on from the host's side, while the device is down.
 """
 
 from pathlib import Path
@@ -30,7 +30,7 @@ def fill(flash: Path) -> None:
 
 
 def boot(flash: Path) -> Versions:
-    """The device starts: from the bank that it is told to, or from the other if there is nothing in that."""
+    """The device starts: from the bank that it is told to, or, if that is empty, from the other."""
     asked = _text(flash / "boot")
     first, second = ("b", "a") if asked == "b" else ("a", "b")
     active, standby = (_text(flash / f"bank-{name}" / "version") for name in (first, second))
