@@ -12,7 +12,6 @@ from typing import Optional, Sequence
 from cryptography.hazmat.primitives import hashes, serialization
 from cryptography.hazmat.primitives.asymmetric import ec
 
-from lab import device_image
 from lab.firmwarefaults import FAULTS
 
 KEY_FILE = "/etc/velmora/firmware-key.pem"
@@ -40,10 +39,9 @@ class Firmware:
     def image(self, version: str, *, size: int = _SIZE, bootloader: bool = False,
               skus: Sequence[int] = range(11),
               fault: Optional[str] = None) -> bytes:
-        """An image with `size` bytes of firmware; `fault` is one of `FAULTS`."""
-        assert fault is None or fault in FAULTS, fault
         """An image with `size` bytes of firmware for these variants of the board; `fault` is one of
         `FAULTS`."""
+        assert fault is None or fault in FAULTS, fault
         payload = random.Random(version).randbytes(size)
         lines = [] if fault == "version" else [f"version={version}"]
         lines += [f"skus={' '.join(map(str, [99] if fault == 'sku' else skus))}",
