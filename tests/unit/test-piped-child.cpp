@@ -200,7 +200,7 @@ TEST_F(piped, it_inherits_no_descriptor_and_default_signals)
 TEST_F(piped, whether_it_has_ended_is_seen_without_reaping_it)
 {
     EXPECT_TRUE(child_has_ended(child)) << "there is none";
-    start_shell("read line");
+    start_shell("exec sleep 1000");
     EXPECT_FALSE(child_has_ended(child));
     kill(child.pid, SIGKILL);
     EXPECT_TRUE(run_loop_until([] { return child_has_ended(child); }));
