@@ -55,6 +55,20 @@ TEST_F(exec_wild, one_in_a_session_of_its_own_holds_nothing_up)
     kill(text_to_int(file_text(FOLDER "/child").c_str()), SIGKILL);
 }
 
+TEST_F(exec_wild, one_whose_output_the_loop_cannot_watch_ends)
+{
+    ping_says("echo unheard\n");
+    std::vector<int> taken;
+    while (taken.empty() || taken.back() < EV_FD_LIMIT - 1)
+        taken.push_back(dup(0));
+    EXPECT_EQ(start(), 0);
+    for (int fd : taken)
+        close(fd);
+    EXPECT_EQ(ev_count_fds(), 0);
+    EXPECT_TRUE(ends());
+    EXPECT_EQ(said(), "[Initiated][Complete]");
+}
+
 TEST_F(exec_wild, a_flood_takes_no_memory_and_ends)
 {
     ping_says("exec yes 0123456789\n");
