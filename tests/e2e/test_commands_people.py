@@ -57,7 +57,7 @@ def test_output_is_shown_as_it_comes(ctl, online):
     assert ctl("tcpdump").returncode == 0
     assert sent(online, 109)["arguments"] == {"filter": ""}, "else the last one would stay"
     done = ctl("nslookup", "cloud.orvanta.example")
-    assert done.stdout == "Name:cloud.orvanta.example Address:10.77.0.1 "
+    assert done.stdout == "Name:cloud.orvanta.example Address:10.77.0.1 \n"
     done = ctl("nslookup", "nowhere.example")
     assert (done.returncode, done.stdout) == (1, "")
     assert done.stderr.endswith("failed: Name or service not known\n")
