@@ -3,14 +3,17 @@
 import asyncio
 import http.client
 import json
+import signal
+import socket
 import subprocess
+import urllib.request
 from urllib.parse import urlsplit
 
 import aiohttp
 import pytest
 
 from lab.console.server import Console
-from lab.device import PYTHON
+from lab.device import PYTHON, REPOSITORY
 
 NOBODY = 65534
 
@@ -106,11 +109,11 @@ async def talk(console, *wishes, answers):
     found = []
     async with aiohttp.ClientSession() as session:
         async with session.ws_connect(f"{console.url}live", headers={"Origin": origin(console)},
-                                      max_msg_size=0) as socket:
+                                      max_msg_size=0) as page:
             for wish in wishes:
-                await socket.send_str(wish if isinstance(wish, str) else json.dumps(wish))
+                await page.send_str(wish if isinstance(wish, str) else json.dumps(wish))
             while len(found) < answers:
-                message = await asyncio.wait_for(socket.receive_json(), 10)
+                message = await asyncio.wait_for(page.receive_json(), 10)
                 if message["kind"] not in ("hello", "live", "told"):
                     found.append(message)
     return found
@@ -156,19 +159,38 @@ def test_the_next_free_port_is_taken(lab):
         ask(first)
 
 
+def test_the_running_lab_shows_the_address(binary):
+    with socket.socket() as taken:
+        taken.bind(("127.0.0.1", 0))
+        taken.listen()
+        port = taken.getsockname()[1]
+        lab = subprocess.Popen([PYTHON, "-m", "lab.run", "--agent", str(binary), "--console",
+                                str(port)], cwd=REPOSITORY, stdout=subprocess.PIPE, text=True)
+        try:
+            line = next(line for line in lab.stdout if line.startswith("console: "))
+            url = line.removeprefix("console: ").strip()
+            assert url.startswith("http://127.0.0.1:") and int(urlsplit(url).port) > port
+            with urllib.request.urlopen(url) as answer:
+                assert b"<title>Orvanta console</title>" in answer.read()
+        finally:
+            lab.send_signal(signal.SIGINT)
+            assert lab.wait(30) == 0
+            lab.stdout.close()
+
+
 def test_a_page_that_does_not_read_costs_a_bounded_amount(console, lab):
     async def sleepy():
         async with aiohttp.ClientSession() as session:
             async with session.ws_connect(f"{console.url}live", headers={"Origin": origin(console)},
-                                          max_msg_size=0) as socket:
-                await socket.receive_json()
-                await socket.send_json({"do": "follow", "topics": ["log"]})
-                await socket.receive_json()
+                                          max_msg_size=0) as page:
+                await page.receive_json()
+                await page.send_json({"do": "follow", "topics": ["log"]})
+                await page.receive_json()
                 for number in range(20_000):
                     lab.journal.note("log", line=f"{number} " + "x" * 2000, message="x")
                 lab.world.call(lambda: None)
                 missed = 0
                 while not missed:
-                    missed = (await asyncio.wait_for(socket.receive_json(), 10))["missed"]
+                    missed = (await asyncio.wait_for(page.receive_json(), 10))["missed"]
                 return missed
     assert asyncio.run(sleepy()) > 1000
