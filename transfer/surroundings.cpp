@@ -5,10 +5,12 @@
 #include <string>
 #include <vector>
 
+#include <fcntl.h>
 #include <strings.h>
 #include <unistd.h>
 
 #include "agent/environment.h"
+#include "agent/owners.h"
 
 static bool begins_with(const char *name, const char *start)
 {
@@ -40,5 +42,9 @@ void settle_surroundings(void)
     }
     for (const std::string &name : doomed)
         unsetenv(name.c_str());
+    /* Names on the command line are meant from where the program was started. */
+    fd_guard here(open(".", O_PATH | O_DIRECTORY | O_CLOEXEC));
     settle_environment();
+    if (here.fd >= 0)
+        (void)!fchdir(here.fd);
 }

@@ -5,7 +5,7 @@
 #pragma once
 
 /* Forgets every variable that libcurl, OpenSSL or the resolver would obey, and settles the rest as the agent
- * does. */
+ * does, but for the working folder. */
 void settle_surroundings(void);
 
 /* Whether a variable of this name is forgotten. */

@@ -139,7 +139,9 @@ static bool may_try_again(CURLcode result, upload_try *each, const char *error, 
         end_with(outcome, final_status, session_reason(result, error, answer_is_redirect(each->found)));
         return false;
     }
-    if (each->found.status >= 300) {
+    bool lost_on_the_way = result != CURLE_OK && answer_is_redirect(each->found) &&
+                           is_acceptable_redirect(each->found); /* the place it was sent on to failed */
+    if (each->found.status >= 300 && !lost_on_the_way) {
         each->reason = "the server answers " + each->found.status_text;
         if (!each->words.empty())
             say("the server says: %s", presentable(each->words, LINE_LIMIT - 30).c_str());

@@ -154,6 +154,16 @@ def test_the_same_request_elsewhere(archive, rude, transfer_lab, status):
         ("PUT", "/bucket/support.tar.gz?X-Signature=secret", True), ("PUT", "/region", True)]
 
 
+def test_a_place_elsewhere_that_fails_is_tried_again(archive, rude):
+    def broken(exchange):
+        exchange.read_body(1000)
+        exchange.break_off()
+    rude.follow(taken("307 Temporary Redirect", f"Location: https://{HOST}:8448/dead"),
+                taken("307 Temporary Redirect", f"Location: {BASE}/region"), broken, taken())
+    uploaded(archive.s3upload(URL, FILE))
+    assert len(rude.requests) == 4
+
+
 @pytest.mark.parametrize("status, to, reason", [
     ("301 Moved", f"{BASE}/x", "the server answers 301 Moved"),
     ("302 Found", f"{BASE}/x", "the server answers 302 Found"),
@@ -237,6 +247,13 @@ def test_wrong_words(archive, rude, url, content_type, reason):
     rude.follow(taken())
     failed(archive.s3upload(url, FILE, content_type), USAGE, reason)
     assert not rude.requests
+
+
+def test_names_are_meant_from_where_it_is_started(archive, rude):
+    rude.follow(taken())
+    ended = archive.start("s3upload", URL, "techsupport.tar.gz", "a/b", "n", EVENTS[len("/tmp/"):],
+                          cwd="/tmp").end()
+    uploaded(ended)
 
 
 @pytest.mark.parametrize("words, reports", [

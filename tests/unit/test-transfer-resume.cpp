@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 
 #include "transfer/attempts.h"
+#include "transfer/exit-statuses.h"
+#include "transfer/retry.h"
+#include "transfer/stop.h"
 
 /* A good answer with the rest of a file of 1000 bytes from 300 on. */
 static answer rest_answer(void)
@@ -194,4 +197,15 @@ TEST(transfer_attempts, waits_are_spread_by_up_to_a_quarter)
     EXPECT_EQ(spread_wait(1000, 251), 1000);
     for (uint32_t draw : {1u, 77u, 123456u, UINT32_MAX})
         EXPECT_TRUE(spread_wait(60000, draw) >= 60000 && spread_wait(60000, draw) <= 75000);
+}
+
+TEST(transfer_attempts, a_wait_beyond_the_deadline_is_not_begun)
+{
+    attempts state;
+    transfer_outcome outcome;
+    int64_t begun = monotonic_ms();
+    EXPECT_FALSE(wait_for_another_try(&state, 0, 300, begun + 299000, "the server answers 503", &outcome));
+    EXPECT_LT(monotonic_ms() - begun, 60000);
+    EXPECT_EQ(outcome.exit_status, TRANSFER_GAVE_UP);
+    EXPECT_EQ(outcome.reason, "it takes too long: the server answers 503");
 }
