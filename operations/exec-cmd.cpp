@@ -25,9 +25,10 @@
 #define MODULE "exec-cmd.c"
 
 enum {
-    CHECK_PERIOD = 1,      /* seconds between looks at the child */
-    PATIENCE = 3,          /* looks that end of output and end of process may lie apart */
-    EXIT_MILLISECONDS = 20 /* the loop waits so long for a process that has just closed its output */
+    CHECK_PERIOD = 1,       /* seconds between looks at the child */
+    PATIENCE = 3,           /* looks that end of output and end of process may lie apart */
+    EXIT_MILLISECONDS = 20, /* the loop waits so long for a process that has just closed its output */
+    LAST_PIECES = 128       /* as many as a pipe holds */
 };
 
 static void time_is_over(void *name);
@@ -39,6 +40,47 @@ static named_timer check_timer = {"COMMAND CHECK", look_after_child, nullptr};
 static piped_child child;
 static int half_over;    /* looks since output or process has ended, but not both */
 static std::string rest; /* the beginning of a character whose other bytes are still to come */
+
+/* ---- output ---- */
+
+/* Text as it goes out. A NUL would end it: it becomes a byte that no text has, shown as U+FFFD like any. */
+static void send_output(std::string text)
+{
+    if (text.empty())
+        return;
+    std::replace(text.begin(), text.end(), '\0', '\xFF');
+    /* A resolver that runs as a program tells failure by what it does not say. */
+    const bool failed =
+        strcmp(exec_cmd.command, "nslookup") == 0 && text.find("Address 1:") == std::string::npos;
+    (void)send_exec_cmd_output(text.c_str(), failed ? "Error" : "InProgress");
+}
+
+/* Sends one piece of the output; false when there is none now. */
+static bool take_piece(child_output *found)
+{
+    char piece[CHILD_READ_SIZE + 1];
+    size_t length;
+    *found = child_read(child, piece, length);
+    if (*found != CHILD_OUTPUT)
+        return false;
+    std::string text = rest + std::string(piece, length);
+    const size_t whole = utf8_whole(text.data(), text.size());
+    rest = text.substr(whole);
+    text.resize(whole);
+    send_output(text);
+    return true;
+}
+
+/* Sends what the pipe still holds, and no more: somebody may go on filling it. */
+static void close_output(void)
+{
+    child_output found;
+    for (int i = 0; i < LAST_PIECES && child.pipe_fd >= 0 && take_piece(&found); i++) {
+    }
+    child_close_output(child);
+    send_output(rest);
+    rest.clear();
+}
 
 /* ---- the end ---- */
 
@@ -60,8 +102,7 @@ static void finish(bool kill_it)
             LOG(LOG_FAILURE, "Kill failed %s", strerror(errno));
         child_wait(child);
     }
-    child_close_output(child);
-    rest.clear();
+    close_output();
     (void)send_exec_cmd_output("", "Complete");
 }
 
@@ -102,43 +143,14 @@ static void time_is_over(void *)
         (void)abort_exec_cmd(nullptr, nullptr);
 }
 
-/* ---- output ---- */
-
-/* Text as it goes out. A NUL would end it: it becomes a byte that no text has, shown as U+FFFD like any. */
-static void send_output(std::string text)
-{
-    if (text.empty())
-        return;
-    std::replace(text.begin(), text.end(), '\0', '\xFF');
-    /* A resolver that runs as a program tells failure by what it does not say. */
-    const bool failed =
-        strcmp(exec_cmd.command, "nslookup") == 0 && text.find("Address 1:") == std::string::npos;
-    (void)send_exec_cmd_output(text.c_str(), failed ? "Error" : "InProgress");
-}
-
-static void output_ended(void)
-{
-    child_close_output(child);
-    send_output(rest);
-    rest.clear();
-    if (ends_at_once())
-        finish(false);
-}
-
 static void exec_output_cb(int32_t, int32_t, void *)
 {
-    char piece[CHILD_READ_SIZE + 1];
-    size_t length;
-    child_output found = child_read(child, piece, length);
-    if (found == CHILD_FINISHED)
-        output_ended();
-    if (found != CHILD_OUTPUT)
+    child_output found;
+    if (take_piece(&found) || found != CHILD_FINISHED)
         return;
-    std::string text = rest + std::string(piece, length);
-    const size_t whole = utf8_whole(text.data(), text.size());
-    rest = text.substr(whole);
-    text.resize(whole);
-    send_output(text);
+    close_output();
+    if (ends_at_once())
+        finish(false);
 }
 
 /* ---- the start ---- */

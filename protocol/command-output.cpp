@@ -95,11 +95,11 @@ void send_ts_data_cb(void *)
     log_file_only quiet; /* streamed lines about the streaming would never end */
     if (da.state != DA_STATE_CONNECTED) {
         LOG(LOG_TRACE, "%s: Device disconnected, trash the ts data", "send_ts_data_cb");
-        ts_data[0] = '\0';
         /* Nobody will ever hear of it: without this timer what it says goes nowhere, after a reconnect too.
          */
         if (exec_running && ts_mode == TS_FOR_CONTROLLER)
             (void)call_hook(hooks.abort_exec_cmd, nullptr, nullptr);
+        ts_data[0] = '\0';
         return;
     }
     /* A command that has meanwhile begun for the front end is none of the controller's. */

@@ -171,6 +171,51 @@ TEST_F(exec_child, a_stop_ends_it)
                      "{\"msgType\": 409, \"status\": \"Complete\", \"output\": \"\"}"}));
 }
 
+/* Waits without the loop: the pipe is not read meanwhile. */
+static bool appears(const char *path)
+{
+    for (int i = 0; i < 5000 && !path_exists(path); i++)
+        usleep(1000);
+    return path_exists(path);
+}
+
+TEST_F(exec_child, what_it_said_before_a_stop_is_shown)
+{
+    ping_says("printf 'last words \\342\\202\\254, half \\342'; : > " FOLDER "/said; sleep 1000\n");
+    EXPECT_EQ(start(), 0);
+    ASSERT_TRUE(appears(FOLDER "/said"));
+    EXPECT_EQ(abort_exec_cmd(nullptr, nullptr), 0);
+    EXPECT_EQ(said(), "[Initiated]last words \u20ac, half \uFFFD[Complete]");
+}
+
+TEST_F(exec_child, one_that_ends_as_it_is_stopped_has_its_say)
+{
+    ping_says("echo last words; (sleep 0.1; : > " FOLDER "/said) &\n");
+    EXPECT_EQ(start(TS_FOR_CONTROLLER), 0);
+    ASSERT_TRUE(appears(FOLDER "/said"));
+    EXPECT_EQ(abort_exec_cmd(nullptr, nullptr), 0);
+    (void)take_queued();
+    EXPECT_TRUE(run_loop_until([] { return ev_count_timers() == 0; }, 8000));
+    EXPECT_EQ(take_queued(),
+              (texts{"{\"msgType\": 409, \"status\": \"InProgress\", \"output\": \"last words\\n\"}",
+                     "{\"msgType\": 409, \"status\": \"Complete\", \"output\": \"\"}"}));
+}
+
+TEST_F(exec_child, a_stopped_flood_holds_nothing_up)
+{
+    /* A child in a session of its own goes on filling the pipe. */
+    ping_says("setsid sh -c 'echo $$ > " FOLDER "/child; exec yes' & exec yes\n");
+    EXPECT_EQ(start(), 0);
+    EXPECT_TRUE(appears(FOLDER "/child"));
+    EXPECT_TRUE(says("y\ny\n"));
+    packets.clear();
+    auto begun = std::chrono::steady_clock::now();
+    EXPECT_EQ(abort_exec_cmd(nullptr, nullptr), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::milliseconds(500));
+    EXPECT_LE(said().size(), 65536u + 512 + strlen("[Complete]"));
+    EXPECT_TRUE(run_loop_until([] { return gone(FOLDER "/child"); })) << "nobody reads the pipe any more";
+}
+
 TEST_F(exec_child, a_stop_with_nothing_to_stop)
 {
     ts_mode = TS_FOR_CONTROLLER;
