@@ -8,6 +8,7 @@
 #include "agent/debug-log.h"
 #include "agent/enter-state.h"
 #include "agent/ws-link.h"
+#include "agent/ws-timers.h"
 
 #define MODULE "device-agent.c"
 
@@ -122,6 +123,7 @@ void flush_txq(void)
             return;
         ws_request_writable();
         ws_serve_library();
+        timer_arm(serve_timer, 0); /* what the library reported meanwhile is acted upon there */
     }
 }
 

@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include "agent/ws-timers.h"
 #include "tests/unit/connection-test.h"
 #include "tests/unit/fake-calloc.h"
 
@@ -328,12 +329,24 @@ TEST_F(txq_test, what_arrives_during_a_flush_waits_for_the_loop)
     static int handled;
     handled = 0;
     hooks.handle_orv_msg = [](char *, size_t, void *) { return ++handled; };
+    ASSERT_TRUE(run_until([] { return !serve_timer.handle; }, 5)) << "left over from connecting";
     send("text");
     library.script.push_back([] { fake_receive(fake_handle(), "{\"msgType\": 115}"); });
     flush_txq();
     EXPECT_EQ(library.wire.size(), 1u);
     EXPECT_EQ(handled, 0);
     EXPECT_TRUE(run_until([] { return handled == 1; }, 5));
+}
+
+/* Its descriptor is gone then: nothing but a timer brings the loop to what the library has reported. */
+TEST_F(txq_test, a_connection_that_ends_during_a_flush_is_missed_at_once)
+{
+    ASSERT_TRUE(run_until([] { return !serve_timer.handle; }, 5)) << "left over from connecting";
+    send("text");
+    library.script.push_back([] { fake_closed(fake_handle()); });
+    flush_txq();
+    EXPECT_EQ(da.state, DA_STATE_CONNECTED) << "the caller's work goes first";
+    EXPECT_TRUE(run_until([] { return da.state == DA_STATE_IDLE; }, 5));
 }
 
 TEST_F(txq_test, a_flush_does_not_wait_for_a_socket_that_takes_nothing)
