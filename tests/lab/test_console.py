@@ -5,7 +5,7 @@ import re
 import pytest
 
 from lab.console.documents import protocol, statistics
-from lab.console.files import STATIC
+from lab.console.files import STATIC, find
 from lab.console.history import LONGEST_TEXT, PREVIEW, History, preview
 from lab.console.peer import user_of
 
@@ -58,6 +58,18 @@ def test_every_message_has_its_words():
         assert one["members"] and "`" not in str(one["members"]), one["name"]
     fields = {one["name"]: one for one in statistics()["fields"]}
     assert fields["cpuUse"]["unit"] == "%"
+
+
+def test_only_files_of_the_page_are_found(tmp_path):
+    page, outside = tmp_path / "page", tmp_path / "outside.js"
+    page.mkdir()
+    for path in (outside, page / "inside.js", page / "notes.txt"):
+        path.write_text("x", encoding="utf-8")
+    (page / "link.js").symlink_to(outside)
+    (page / "folder.js").mkdir()
+    assert find(page, "inside.js") == (page / "inside.js", "text/javascript")
+    for name in ("link.js", "../outside.js", str(outside), "notes.txt", "folder.js", "none.js", ""):
+        assert find(page, name) is None, name
 
 
 def _colours(block):
