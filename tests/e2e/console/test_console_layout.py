@@ -73,6 +73,19 @@ def test_everything_has_a_name_and_is_reached_by_keyboard(open_panel):
     assert [one for one in reached if one in wanted] == wanted, reached
 
 
+def test_a_panels_name_is_in_sight_on_a_phone(open_panel):
+    page = open_panel("faults")
+    page.size(390, 844)
+    try:
+        page.open("faults")
+        page.find("[data-fault]")
+        edges = page.run("const one = document.querySelector('.tabs [aria-current]')"
+                         ".getBoundingClientRect(); return [one.left, one.right]")
+        assert 0 <= edges[0] and edges[1] <= 390, edges
+    finally:
+        page.normal_size()
+
+
 def test_messages_are_walked_by_arrow_keys(open_panel):
     page = open_panel("messages")
     page.find("#messages .message").click()
@@ -106,9 +119,13 @@ def test_the_lab_goes_and_another_comes(page, lab, console):
     page.says("the lab does not answer", "#link")
     page.press("Locate", page.card("Find it"))
     page.says("There is no connection to the lab.", ".notice")
+    page.write("Text to show on the device", "kept")
+    lab.journal.note("agent-ended", status=-9, said="")
     with Console(lab, urlsplit(console.url).port):
         page.says("live", "#link", 30)
-        page.state("Not started")
+        page.state("Agent down")
+        page.says("agent ended with status -9", ".happenings")
+        assert page.field("Text to show on the device").get_attribute("value") == "kept"
     page.driver.get("about:blank")
     assert any("/live" in line for line in page.log()), "only the connection may have failed"
 

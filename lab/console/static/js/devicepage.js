@@ -111,8 +111,12 @@ export function devicePage(id) {
     open.element.hidden = false;
     open.show?.();
     for (const one of tabs.children) {
-      if (one.dataset.panel === panel.name) one.setAttribute("aria-current", "page");
-      else one.removeAttribute("aria-current");
+      if (one.dataset.panel !== panel.name) {
+        one.removeAttribute("aria-current");
+        continue;
+      }
+      one.setAttribute("aria-current", "page");
+      tabs.scrollLeft = one.offsetLeft - tabs.offsetLeft - (tabs.clientWidth - one.offsetWidth) / 2; // on a phone
     }
   };
   const off = on("device", draw);

@@ -9,7 +9,7 @@ import { connect } from "./wire.js";
 const LINK_WORDS = { live: "live", connecting: "connecting", lost: "the lab does not answer" };
 const main = document.getElementById("main");
 const crumbs = document.getElementById("crumbs");
-let shown = { key: "", page: null };
+let shown = { key: "", lab: "", page: null };
 
 // The address after "#": "/" or "/device/ID/PANEL"; whatever else stands there means the first.
 function place() {
@@ -28,7 +28,7 @@ function show() {
   const key = where.kind + (where.id ?? "");
   if (shown.key !== key) {
     shown.page?.close();
-    shown = { key, page: where.kind === "device" ? devicePage(where.id) : overviewPage() };
+    shown = { key, lab: store.known.lab, page: where.kind === "device" ? devicePage(where.id) : overviewPage() };
     replace(main, shown.page.element);
     window.scrollTo(0, 0);
   }
@@ -39,8 +39,9 @@ function show() {
 }
 
 store.on("hello", () => {
-  shown.page?.close(); // it may be another lab at the same address
-  shown = { key: "", page: null };
+  if (shown.lab === store.known.lab) return; // the connection is back: the page goes on
+  shown.page?.close();
+  shown = { key: "", lab: "", page: null };
   show();
 });
 window.addEventListener("hashchange", () => {

@@ -27,6 +27,14 @@ export function field(text, input, { grow = false, hint = "" } = {}) {
     hint ? h("small", { class: "muted" }, hint) : null);
 }
 
+// The Enter key in an input of this part presses the button.
+export function enters(element, target) {
+  element.addEventListener("keydown", (event) => {
+    if (event.key === "Enter" && event.target.matches("input:not([type=checkbox], [type=radio])")) target.click();
+  });
+  return element;
+}
+
 export function check(text, attributes = {}) {
   const input = h("input", { type: "checkbox", ...attributes });
   return { input, element: h("label", { class: "check" }, input, text) };

@@ -105,7 +105,7 @@ export function messagesPanel() {
     next.focus();
     next.click();
   });
-  const offs = [on("message", take), on("batch", drawRest)];
+  const offs = [on("message", take), on("batch", drawRest), on("hello", refill)];
   refill();
   return {
     element: h("div", { class: "stack" },

@@ -39,12 +39,13 @@ function happenings() {
   const list = h("ol", { class: "happenings", tabindex: "0", "aria-label": "What happened, the newest first" });
   const line = (one) => h("li", { class: "fresh" }, h("time", {}, clock(one.at)),
     h("span", { "data-level": one.level }, one.text));
-  replace(list, known.happenings.slice(-MOST_SHOWN).reverse().map(line));
-  const off = on("happening", (one) => {
+  const fill = () => replace(list, known.happenings.slice(-MOST_SHOWN).reverse().map(line));
+  const offs = [on("hello", fill), on("happening", (one) => {
     list.prepend(line(one));
     if (list.children.length > MOST_SHOWN) list.lastChild.remove();
-  });
-  return { element: list, off };
+  })];
+  fill();
+  return { element: list, off: () => offs.forEach((off) => off()) };
 }
 
 function info() {

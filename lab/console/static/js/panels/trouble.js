@@ -2,7 +2,7 @@
 
 import { outcomes, workButton } from "../action.js";
 import { h, replace } from "../dom.js";
-import { button, card, check, field, select } from "../parts.js";
+import { button, card, check, enters, field, select } from "../parts.js";
 import { known } from "../store.js";
 import { terminal } from "../terminal.js";
 import { run } from "../wire.js";
@@ -87,7 +87,7 @@ function commands() {
   draw();
   return {
     element: card("Run on the device", button("Clear", screen.clear), h("div", { class: "stack" },
-      h("div", { class: "row end" }, field("Command", which), place, limit, go, stop), state, screen.element)),
+      enters(h("div", { class: "row end" }, field("Command", which), place, limit, go, stop), go), state, screen.element)),
     close: () => current?.cancel(),
   };
 }
@@ -97,8 +97,7 @@ function latency() {
   const out = outcomes();
   const go = workButton("Measure", () => out.begin("latency", { host: host.value.trim() }));
   return card("Latency", null, h("div", { class: "stack tight" }, h("p", { class: "muted" }, "Three probes from the device "
-    + "to a host; the average is what the device reports."), h("div", { class: "row end" }, field("Host", host, { grow: true }), go),
-  out.element));
+    + "to a host; the average is what the device reports."), enters(h("div", { class: "row end" }, field("Host", host, { grow: true }), go), go), out.element));
 }
 
 export function troublePanel() {
