@@ -11,6 +11,7 @@
 #include "agent/enter-state.h"
 #include "agent/hooks.h"
 #include "agent/ws-close.h"
+#include "operations/exec-cmd.h"
 
 #define MODULE "device-agent.c"
 
@@ -20,6 +21,7 @@ static void leave(void)
 {
     leaving = true;
     send_close_frame_to_orvanta("DEV_CFG_UPDATE", strlen("DEV_CFG_UPDATE"));
+    kill_exec_cmd(); /* the kernel would take the program along, but not what that has started */
     call_hook(hooks.stop_fw_dl_process); /* what it leaves would block upgrades under the next agent */
     exit(0);
 }

@@ -244,6 +244,8 @@ int abort_exec_cmd(const json_t *request, char **name_out)
     return 0;
 }
 
+void kill_exec_cmd(void) { (void)child_kill(child); }
+
 void exec_cmd_reset(void)
 {
     command_is_over();

@@ -38,5 +38,8 @@ int start_exec_cmd(const json_t *request, int32_t mode, char **name_out);
  */
 int abort_exec_cmd(const json_t *request, char **name_out);
 
+/* The agent ends: kills what runs, and waits for nothing. */
+void kill_exec_cmd(void);
+
 /* For tests: ends and forgets everything, without a word. */
 void exec_cmd_reset(void);

@@ -153,6 +153,15 @@ def test_the_program_dies_with_the_agent(online, number):
     until(online, lambda: not running(online, "sleep 12345"), "the program to die")
 
 
+def test_a_term_takes_all_of_it_along(online):
+    program(online, "ping", STUBBORN)
+    ask(online, "ping")
+    until_said(online, "begun\n")
+    online.supervisor.send_signal(signal.SIGTERM)
+    online.wait_registered()
+    until(online, lambda: not running(online, "/usr/local/sbin/ping"), "its children to die")
+
+
 # -- wild -----------------------------------------------------------------------------------
 
 WILD = {
