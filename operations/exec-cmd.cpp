@@ -197,7 +197,7 @@ static void start_command(void)
 }
 
 /* A copy of a command's name for the caller, where one is wanted. */
-static void give_name(const char *name, char **name_out)
+static void give_name(const char *caller, const char *name, char **name_out)
 {
     if (!name_out)
         return;
@@ -207,19 +207,20 @@ static void give_name(const char *name, char **name_out)
         memcpy(*name_out, name, size);
     else
         LOG(LOG_FAILURE, "%s: Out of memory so command execution status  start/stop event not generating",
-            "start_exec_cmd");
+            caller);
 }
 
 int start_exec_cmd(const json_t *request, int32_t mode, char **name_out)
 {
-    /* It has no output, and it must not take that of a running command away from whom it is for. */
+    /* A service command must not take a running command's output away from whom that is for. */
+    if (!service_cmd_pending || !exec_running)
+        ts_mode = mode;
     if (service_cmd_pending) {
-        give_name(service_command_name(), name_out);
+        give_name("start_exec_cmd", service_command_name(), name_out);
         return run_service_command(request) ? EXEC_STATUS : EXEC_FAILED;
     }
-    ts_mode = mode;
     if (strcmp(exec_cmd.command, "wifiperf") == 0) {
-        give_name(exec_cmd.command, name_out);
+        give_name("start_exec_cmd", exec_cmd.command, name_out);
         return start_wifiperf() == 0 ? EXEC_STATUS : EXEC_FAILED;
     }
     start_command();
@@ -232,7 +233,7 @@ int abort_exec_cmd(const json_t *request, char **name_out)
 {
     const char *command = received_text(request, "command");
     if (strcmp(command, "wifiperf") == 0) {
-        give_name(command, name_out);
+        give_name("abort_exec_cmd", command, name_out);
         LOG(LOG_EVENT, "Command:%s: going to be stopped %s", "abort_exec_cmd", command);
         return EXEC_STATUS;
     }

@@ -271,6 +271,7 @@ TEST_F(disconnect_clients, one_after_the_other)
     malloc_text owner(name);
     EXPECT_STREQ(name, "disconnect-clients");
     EXPECT_EQ(sent_away, (texts{"02:00:00:00:00:01", "ALL"}));
+    EXPECT_EQ(ts_mode, TS_FOR_CONTROLLER);
     EXPECT_EQ(service_cmd_pending, 0);
     EXPECT_TRUE(was_logged("Service command disconnect-clients is getting triggered"));
     EXPECT_TRUE(was_logged("Macs are not in right string format"));
@@ -325,6 +326,7 @@ TEST_F(disconnect_clients, a_start_that_names_nobody_fails)
     }
     EXPECT_EQ(parse(with("{\"macs\": [\"ALL\"]}")), NO_ERROR);
     EXPECT_EQ(start_exec_cmd(nullptr, TS_FOR_FRONT_END, nullptr), EXEC_FAILED);
+    EXPECT_EQ(ts_mode, TS_FOR_FRONT_END);
     EXPECT_EQ(sent_away, texts{});
 }
 
@@ -364,5 +366,11 @@ TEST_F(disconnect_clients, names_need_memory)
     callocs_left = -1;
     EXPECT_EQ(name, nullptr);
     EXPECT_TRUE(was_logged("start_exec_cmd: Out of memory so command execution status  start/stop event not "
+                           "generating"));
+    callocs_left = 0;
+    EXPECT_EQ(abort_exec_cmd(json("{\"command\": \"wifiperf\"}").get(), &name), EXEC_STATUS);
+    callocs_left = -1;
+    EXPECT_EQ(name, nullptr);
+    EXPECT_TRUE(was_logged("abort_exec_cmd: Out of memory so command execution status  start/stop event not "
                            "generating"));
 }
