@@ -12,7 +12,6 @@
 #include "agent/hooks.h"
 #include "agent/local-socket.h"
 #include "agent/owners.h"
-#include "agent/text.h"
 #include "platform/front-end.h"
 #include "protocol/error-codes.h"
 #include "protocol/received.h"
@@ -64,9 +63,8 @@ void fcgi_close_client(bool abort_command)
 static void exec_cmd(const json_t *request)
 {
     LOG(LOG_TRACE, "%s: MSG_EXEC_CMD received", "fcgi_recv_cb");
-    char refusal[ERROR_STRING_SIZE];
-    copy_text(refusal, hooks.parse_exec_cmd ? "" : "Command execution is not available");
-    if (!hooks.parse_exec_cmd || hooks.parse_exec_cmd(request, refusal) != NO_ERROR) {
+    char refusal[ERROR_STRING_SIZE] = ""; /* a request without a command is refused without a text */
+    if (call_hook(hooks.parse_exec_cmd, request, refusal) != NO_ERROR) {
         LOG(LOG_FAILURE, "Exec command failure : %s", refusal);
         fcgi_close_client(true);
         return;
@@ -83,8 +81,8 @@ static void exec_stop(const json_t *request)
 static void radio_scan(const json_t *request)
 {
     LOG(LOG_TRACE, "%s: MSG_RADIO_SCAN_REQUEST received", "fcgi_recv_cb");
-    char refusal[ERROR_STRING_SIZE] = "Radio scan is not available";
-    if (hooks.parse_radio_scan_request && hooks.parse_radio_scan_request(request, refusal, 0) == NO_ERROR)
+    char refusal[ERROR_STRING_SIZE] = "";
+    if (call_hook(hooks.parse_radio_scan_request, request, refusal, 0) == NO_ERROR)
         return;
     LOG(LOG_FAILURE, "Radio scan failure : %s", refusal);
     orv_radio_scan = 0;

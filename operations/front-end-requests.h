@@ -3,8 +3,8 @@
  * each): start (109) and stop (110) a troubleshooting command, scan the radio neighbourhood (111). The output
  * goes back over the same connection.
  *
- * The jobs are called through hooks. One that is not part of the build answers as a request that it refuses:
- * a command closes the connection, a scan gets its failure reply first, a stop finds nothing to stop.
+ * A command that is refused closes the connection without a word, and what runs is ended with it; so is a
+ * scan, after its failure.
  */
 #pragma once
 

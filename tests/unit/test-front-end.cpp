@@ -198,27 +198,6 @@ TEST_F(front_end, a_failed_scan_of_the_controller_is_told_to_the_controller)
     da.state = DA_STATE_IDLE;
 }
 
-/* ---- jobs that are not there ---- */
-
-TEST_F(front_end, an_absent_job_refuses)
-{
-    hooks.parse_exec_cmd = nullptr;
-    hooks.start_exec_cmd = nullptr;
-    hooks.abort_exec_cmd = nullptr;
-    hooks.parse_radio_scan_request = nullptr;
-    client first;
-    first.ask("{\"msgType\": 109, \"command\": \"ping\"}");
-    EXPECT_TRUE(was_logged("Exec command failure : Command execution is not available"));
-    EXPECT_EQ(first.hear(), "(closed)");
-    client second;
-    second.ask("{\"msgType\": 110}");
-    EXPECT_EQ(second.hear(), "(nothing)");
-    second.ask("{\"msgType\": 111, \"band\": \"5GHz\"}");
-    EXPECT_EQ(second.hear(),
-              "{\"msgType\": 711, \"code\": \"BadRequest\", \"message\": \"Radio scan is not available\"}");
-    EXPECT_EQ(second.hear(), "(closed)");
-}
-
 /* ---- what is no request ---- */
 
 TEST_F(front_end, other_types_close_without_touching_a_command)
