@@ -105,16 +105,22 @@ agent_process find_agent_process(void)
     return agent;
 }
 
-std::vector<std::string> agent_children(pid_t agent)
+/* The agent's other children: its transfers, the shell that it waits for, and its own copies. */
+static bool is_helper(const std::string &name)
 {
-    std::vector<std::string> children;
+    return name == "fw_dl" || name == "s3upload" || name == "sh" || name == AGENT_PROGRAM;
+}
+
+std::vector<std::string> running_commands(pid_t agent)
+{
+    std::vector<std::string> commands;
     for (const process_row &row : all_processes()) {
-        if (row.parent != agent || row.state == 'Z' || agent == 0)
+        if (agent == 0 || row.parent != agent || row.state == 'Z' || is_helper(row.name))
             continue;
         std::string line;
         for (const std::string &argument : command_line(row.pid))
             line += (line.empty() ? "" : " ") + argument;
-        children.push_back(line.empty() ? row.name : line);
+        commands.push_back(line.empty() ? row.name : line);
     }
-    return children;
+    return commands;
 }

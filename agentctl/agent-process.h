@@ -22,5 +22,6 @@ agent_process find_agent_process(void);
 /* What the options of the agent's command line say; `arguments` are argv, its name first. */
 void read_agent_options(std::vector<std::string> arguments, agent_process *agent);
 
-/* The command lines of the agent's children: a troubleshooting command that runs is one of them. */
-std::vector<std::string> agent_children(pid_t agent);
+/* The command lines of the troubleshooting commands that the agent runs as programs. Its other children, such
+ * as a download of firmware, are none. */
+std::vector<std::string> running_commands(pid_t agent);

@@ -18,7 +18,7 @@ enum { PACKET_SIZE = 262144 }; /* more than a socket takes in one packet: a scan
 int connect_front_end(bool commands, bool *was_running)
 {
     int others = open_connections(FRONT_END_SOCKET);
-    std::vector<std::string> running = agent_children(find_agent_process().pid);
+    std::vector<std::string> running = running_commands(find_agent_process().pid);
     *was_running = !running.empty();
     int fd = connect_local(FRONT_END_SOCKET, SOCK_SEQPACKET);
     if (fd < 0)

@@ -193,7 +193,7 @@ int verb_stop(int argc, char **argv)
         json_ptr ignored;
         if (receive_message(sock.fd, LOOK_AGAIN, nullptr, &ignored) == RECEIVED_END)
             break;
-        runs = !agent_children(find_agent_process().pid).empty();
+        runs = !running_commands(find_agent_process().pid).empty();
     }
     if (runs) {
         complain("the command still runs");

@@ -7,6 +7,7 @@ import subprocess
 
 import pytest
 from devicecommands import STUBBORN, ask, idle, program, until_said
+from devicecommands import running as is_running
 from expect import until
 from test_ctl import CTL, HERE, begin, run
 from toolbox import Agentctl
@@ -150,3 +151,15 @@ def test_agentctl_stops_commands(online, tool):
     done = tool.run("run", "ping", "h")
     assert (done.returncode, done.stdout) == (0, "esc ?]0;x? h|\nbye\n")
     assert re.search(r'warning: the agent was running ".*ping.*", which is stopped', done.stderr)
+
+
+def test_agentctl_takes_a_download_for_no_command(online, tool):
+    program(online, "fw_dl", "#!/bin/sh\nwhile :; do sleep 1; done\n")
+    online.controller.send({"msgType": 101, "url": "https://cloud.orvanta.example/firmware.bin"})
+    until(online, lambda: is_running(online, "/usr/local/sbin/fw_dl"), "the download to begin")
+    program(online, "ping", GREETER)
+    done = tool.run("run", "ping", "h")
+    assert (done.returncode, done.stderr) == (0, "")
+    done = tool.run("stop")
+    assert (done.returncode, done.stdout) == (0, "told to stop; no running command was seen\n")
+    assert is_running(online, "/usr/local/sbin/fw_dl")
