@@ -1,7 +1,7 @@
 /*
  * Calls that go up: what a low module has to tell a higher one goes through a hook, so that no file includes
- * one above it. agent/wiring.cpp installs them, and there alone. An unset hook does nothing and yields 0: the
- * job behind it is not part of this build.
+ * one above it. agent/wiring.cpp installs them, and there alone. An unset hook does nothing and yields 0, so
+ * that a test installs only those it needs.
  */
 #pragma once
 

@@ -3,5 +3,5 @@
  */
 #pragma once
 
-/* Installs every hook of this build (see agent/hooks.h for what each is for). */
+/* Installs every hook (see agent/hooks.h for what each is for). */
 void install_hooks(void);

@@ -6,7 +6,7 @@
 
 #include <jansson.h>
 
-/* The types that have a handler in this build. */
+/* The types that have a handler. */
 enum {
     MSG_SW_UPGRADE_REQUEST = 101,
     MSG_REBOOT_CMD = 102,
