@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include "agent/debug-log.h"
+#include "agent/hooks.h"
 #include "agent/owners.h"
 #include "agent/signal-mask.h"
 #include "agent/utils.h"
@@ -19,6 +20,7 @@
 [[noreturn]] static void give_up(const char *call)
 {
     perror(call);
+    call_hook(hooks.stop_fw_dl_process); /* another child: what it leaves would block upgrades from then on */
     exit(1);
 }
 

@@ -6,6 +6,7 @@
 #include "agent/debug-log.h"
 #include "agent/enter-state.h"
 #include "agent/fatal.h"
+#include "agent/hooks.h"
 #include "agent/utils.h"
 #include "agent/ws-link.h"
 #include "agent/ws-session.h"
@@ -42,6 +43,7 @@ static void lws_connect_timeout_cb(void *)
     if (ws.connect_attempts > MAX_CONNECT_ATTEMPTS) {
         LOG(LOG_FAILURE, "%s: Exhausted max websocket connect attempts(%d), restarting DA",
             "lws_connect_timeout_cb", MAX_CONNECT_ATTEMPTS);
+        call_hook(hooks.stop_fw_dl_process); /* what it leaves would block upgrades under the next agent */
         exit(1);
     }
     LOG(LOG_FAILURE, "%s: Unable to connect websocket to Orvanta, trying again", "lws_connect_timeout_cb");

@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include "agent/debug-log.h"
+#include "agent/hooks.h"
 #include "tests/unit/support.h"
 
 #define MODULE "test.c"
@@ -233,6 +234,7 @@ TEST_F(piped, killing_nobody_fails)
 
 static void start_true(void)
 {
+    hooks.stop_fw_dl_process = [] { fprintf(stderr, "no download\n"); };
     const char *vector[] = {"true", nullptr};
     child_start(child, {vector, nullptr, nullptr}, take_output);
 }
@@ -252,11 +254,12 @@ static void start_without_processes(void)
 
 TEST_F(piped, without_a_pipe_the_agent_ends)
 {
-    EXPECT_EXIT(start_without_descriptors(), testing::ExitedWithCode(1), "^pipe: Too many open files");
+    EXPECT_EXIT(start_without_descriptors(), testing::ExitedWithCode(1),
+                "^pipe: Too many open files\nno download\n");
 }
 
 TEST_F(piped, without_a_process_the_agent_ends)
 {
     EXPECT_EXIT(start_without_processes(), testing::ExitedWithCode(1),
-                "^fork: Resource temporarily unavailable");
+                "^fork: Resource temporarily unavailable\nno download\n");
 }

@@ -119,6 +119,7 @@ TEST_F(reconnect_test, a_connect_time_out_in_another_state_does_nothing)
 /* Ten time-outs in a row, then the eleventh. */
 static void run_into_eleven_timeouts(void)
 {
+    hooks.stop_fw_dl_process = [] { fprintf(stderr, "no download\n"); };
     begin_connecting();
     run_until([] { return ws.connect_attempts == 10; }, 10000);
     fprintf(stderr, "ten time-outs\n");
@@ -127,7 +128,7 @@ static void run_into_eleven_timeouts(void)
 
 TEST_F(reconnect_death_test, the_eleventh_connect_time_out_in_a_row_ends_the_process_with_1)
 {
-    EXPECT_EXIT(run_into_eleven_timeouts(), testing::ExitedWithCode(1), "ten time-outs");
+    EXPECT_EXIT(run_into_eleven_timeouts(), testing::ExitedWithCode(1), "ten time-outs\nno download\n");
     EXPECT_TRUE(
         was_logged("lws_connect_timeout_cb: Exhausted max websocket connect attempts(10), restarting DA"));
     EXPECT_EQ(times_logged_beginning("lws_connect_timeout_cb: Unable to connect websocket to Orvanta"), 10);
