@@ -72,6 +72,8 @@ static bool judge(download_try *each)
         return false;
     if (each->verdict == TAKE_WHOLE && !take_whole(each))
         return false;
+    if (each->verdict == TAKE_REST) /* the first answer may have come in chunks, without a length */
+        each->part->total = total_of_rest(each->found);
     if (each->part->total < 0 || image_has_room(each->part->total - each->part->bytes))
         return true;
     each->local_failure = ENOSPC;

@@ -45,6 +45,14 @@ static answer_verdict judge_rest(const answer &found, const partial_file &part, 
     return TAKE_REST;
 }
 
+int64_t total_of_rest(const answer &found)
+{
+    int64_t first = 0;
+    int64_t last = 0;
+    int64_t total = -1;
+    return parse_content_range(found.content_range, &first, &last, &total) == 0 ? total : -1;
+}
+
 static answer_verdict judge_whole(const answer &found, std::string *reason)
 {
     if (!found.chunked && found.length < 0) {

@@ -33,6 +33,9 @@ enum answer_verdict {
 answer_verdict judge_answer(const answer &found, const partial_file &part, bool asked_rest,
                             std::string *reason);
 
+/* The length of the whole file, as an answer with the rest of it tells. */
+int64_t total_of_rest(const answer &found);
+
 /*
  * What tells the file of this answer from a changed one: its strong ETag, or the time of its last change when
  * that lies far enough back that another change would show. Empty when there is neither.

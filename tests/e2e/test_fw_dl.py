@@ -134,6 +134,20 @@ def test_a_shorter_part_is_taken_and_the_rest_asked_for(helpers, rude):
     assert ranges(rude)[2] == ("bytes=400000-", '"v1"')
 
 
+def test_a_part_that_stops_short_completes_nothing_of_unknown_length(helpers, rude):
+    """The first answer told no length: what the file's length is, the part says."""
+    def cut_chunks(exchange):
+        exchange.send(b'HTTP/1.1 200 OK\r\nETag: "v1"\r\nTransfer-Encoding: chunked\r\n\r\n'
+                      b"493e0\r\n" + DATA[:300_000] + b"\r\n")
+
+    def short(exchange):
+        exchange.send((f"{PART}Content-Range: bytes 300000-399999/{len(DATA)}\r\n"
+                       "Content-Length: 100000\r\n\r\n").encode() + DATA[300_000:400_000])
+    rude.follow(cut_chunks, short, Image(DATA))
+    arrived(helpers, helpers.fw_dl(URL))
+    assert [asked for asked, _ in ranges(rude)] == [None, "bytes=300000-", "bytes=400000-"]
+
+
 def test_416_makes_it_start_over(helpers, rude):
     image = Image(DATA)
     rude.follow(image.cut(300_000), answers("416 Range Not Satisfiable"), image)
