@@ -127,7 +127,10 @@ static bool set_up(CURL *transfer, download_try *each, curl_list_ptr *headers)
 }
 
 /* The transfer has ended well: is the file whole? */
-static bool is_whole(const partial_file &part) { return part.total < 0 || part.bytes == part.total; }
+static bool is_whole(const partial_file &part)
+{
+    return part.bytes > 0 && (part.total < 0 || part.bytes == part.total);
+}
 
 static std::string local_words(int error)
 {
@@ -151,6 +154,10 @@ static bool may_try_again(CURLcode result, download_try *each, const char *error
     }
     if (each->judged && each->verdict == REFUSE) {
         end_with(outcome, TRANSFER_REFUSED, each->reason);
+        return false;
+    }
+    if (result == CURLE_OK && each->judged && each->part->bytes == 0) { /* in chunks, which told no length */
+        end_with(outcome, TRANSFER_REFUSED, "the file is empty");
         return false;
     }
     if (each->reason.empty())

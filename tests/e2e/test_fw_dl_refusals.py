@@ -149,12 +149,13 @@ OK = b"HTTP/1.1 200 OK\r\n"
 @pytest.mark.parametrize("script, reason", [
     (raw(OK + b"\r\n" + DATA), "does not say how long the file is"),
     (raw(OK + b"Content-Length: 0\r\n\r\n"), "the file is empty"),
+    (raw(OK + b"Transfer-Encoding: chunked\r\n\r\n0\r\n\r\n"), "the file is empty"),
     (raw(OK + b"Content-Length: 5\r\nContent-Length: 6\r\n\r\nhello"), "contradicts itself"),
     (raw(OK + b"Transfer-Encoding: gzip, chunked\r\n\r\n5\r\nhello\r\n0\r\n\r\n"), "encodes the file"),
     (raw(OK + b"Transfer-Encoding: gzip\r\n\r\n" + b"\x1f\x8b" * 500), "encodes the file"),
     (raw(OK + b"X-Long: " + b"z" * 150_000 + b"\r\n\r\n"), "line without end"),
     (raw(b"HTTP/1.1 000 Nothing\r\n\r\n"), ""), (raw(b"HTTP/9.9 200 OK\r\n\r\n"), "")],
-    ids=["no length", "empty", "two lengths", "coded chunks", "coded", "endless line", "no status",
+    ids=["no length", "empty", "no chunks", "two lengths", "coded chunks", "coded", "endless line", "no status",
          "another version"])
 def test_bodies_that_are_not_taken(helpers, rude, script, reason):
     rude.follow(script)

@@ -61,6 +61,7 @@ TEST(transfer_resume, the_rest_of_the_same_file_is_taken)
     found.length = 200;
     EXPECT_EQ(verdict_of(found), TAKE_REST) << "a shorter part is a part";
     EXPECT_EQ(verdict_of(rest_answer(), true, {300, -1, "\"v1\""}), TAKE_REST) << "first sent in chunks";
+    EXPECT_EQ(total_of_rest(rest_answer()), 1000) << "which is news then";
 }
 
 TEST(transfer_resume, any_other_part_makes_it_start_over)
