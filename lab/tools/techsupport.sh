@@ -1,18 +1,23 @@
 #!/bin/sh
 # techsupport.sh: writes a tar with what helps to understand this device's troubles to standard output.
 #
-# No secrets: passphrases, account tokens, private keys and what gives a URL its permission are taken out of every
-# text, and the files that hold nothing else are not collected at all.
+# No secrets: passphrases, passwords, shared keys, account tokens, private keys and what gives a URL its permission are
+# taken out of every text, and the files that hold nothing else are not collected at all.
 set -u
 work=$(mktemp -d /tmp/support-work.XXXXXX) || exit 1
 trap 'rm -rf "$work"' EXIT
 top=$work/techsupport
 mkdir -p "$top/logs" "$top/state" "$top/config" "$top/network" "$top/system"
 
-# What stands behind "passphrase" in a line may be quoted, escaped or cut off: all of it goes.
+# A secret may be quoted, escaped or cut off, so what stands behind its name in a line goes, and so does every piece of a
+# received message ("rx") but the first: where the message is cut, name and secret may be in two lines. Of a URL its
+# permission goes: the query, and a name with a password.
 without_secrets() {
-    sed -E -e '/-----BEGIN .*PRIVATE KEY/,/-----END/d' -e 's/(passphrase).*/\1 [removed]/' \
-        -e 's/(velmoraId=)[^& ]*/\1[removed]/g' -e 's|([a-z]+://[^]? "]*\?)[^] "]*|\1[removed]|g'
+    sed -E -e '/PRIVATE KEY-----.*-----END/s/-----BEGIN.*/[removed]/' -e '/-----BEGIN .*PRIVATE KEY/,/-----END/d' \
+        -e 's/(:rx [0-9]+ \[)[^{].*/\1removed]/' \
+        -e 's/(pass(phrase|word|wd)|secret|pre[-_]?shared|shared[-_]?key|account_?id|psk"?[:= ]).*/\1 [removed]/I' \
+        -e 's/(velmoraId=)[^& ]*/\1[removed]/g' -e 's/((S3 upload url =|str_upd_link=)[^?]*\?).*/\1[removed]/' \
+        -e 's#(:(//|\\/\\/))[^]/@ "\\]*@#\1[removed]@#g' -e 's#(:(//|\\/\\/)[^]? "]*\?)[^] "]*#\1[removed]#g'
 }
 
 # file FOLDER PATH...: those of the files that are there
