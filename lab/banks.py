@@ -1,7 +1,8 @@
 """The two banks of the device's flash and its boot loader: which firmware the next start runs.
 
 "/mnt/flash/boot" names the bank to start from, "a" or "b"; "bank-a" and "bank-b" hold the firmware
-with a file "version". Worked on from the host's side, while the device is down.
+with a file "version". Worked on from the host's side, while the device is down, which finds in
+"/etc/velmora/bank" which one it runs from.
 """
 
 from pathlib import Path
@@ -29,12 +30,21 @@ def fill(flash: Path) -> None:
     (flash / "boot").write_text("a\n", encoding="ascii")
 
 
+def starting(flash: Path) -> str:
+    """The bank that the device starts from: the one that it is told to, or the other if there is
+    nothing in that."""
+    asked, other = ("b", "a") if _text(flash / "boot") == "b" else ("a", "b")
+    return asked if _version(flash, asked) or not _version(flash, other) else other
+
+
 def boot(flash: Path) -> Versions:
-    """The device starts: from the bank that it is told to, or, if that is empty, from the other."""
-    asked = _text(flash / "boot")
-    first, second = ("b", "a") if asked == "b" else ("a", "b")
-    active, standby = (_text(flash / f"bank-{name}" / "version") for name in (first, second))
-    return Versions(active, standby) if active else Versions(standby, active)
+    """The device starts."""
+    running = starting(flash)
+    return Versions(_version(flash, running), _version(flash, "a" if running == "b" else "b"))
+
+
+def _version(flash: Path, bank: str) -> str:
+    return _text(flash / f"bank-{bank}" / "version")
 
 
 def _text(path: Path) -> str:

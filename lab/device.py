@@ -134,14 +134,16 @@ class Device:
         for name in self._writable:
             path = str(Path(name).resolve())
             binds.append({"source": path, "path": path, "writable": True})
-        active, self.board["otherVersion"] = banks.boot(self.folder / "flash")
+        flash = self.folder / "flash"
+        active, self.board["otherVersion"] = banks.boot(flash)
         return {
             "folder": str(self.folder), "base": str(self.folder / "base"),
             "hostname": device_image.HOSTNAME, "network_fd": self._network_fd,
             "status_fd": status_fd, "lifeline_fd": lifeline_fd,
             "tmpfs": device_image.VOLATILE, "binds": binds,
             "folders": ["/mnt/flash/config", "/etc/velmora"],
-            "files": [*device_image.device_files(self._trusted, self.board, active),
+            "files": [*device_image.device_files(self._trusted, self.board, active,
+                                                 banks.starting(flash)),
                       *({"path": path, "text": text, "mode": 0o644}
                         for path, text in self._files.items())],
         }

@@ -95,12 +95,13 @@ def _recorder(name: str) -> dict[str, Any]:
 
 
 def device_files(trusted: dict[str, str], board: dict[str, Any],
-                 active: str = SOFTWARE_VERSION) -> list[dict[str, Any]]:
-    """All files of a device that has just started with this firmware; `trusted` maps file names in
-    "/etc/ssl/certs" to PEM texts, `board` is who the device is."""
+                 active: str = SOFTWARE_VERSION, bank: str = "a") -> list[dict[str, Any]]:
+    """All files of a device that has just started with this firmware, from this bank; `trusted`
+    maps file names in "/etc/ssl/certs" to PEM texts, `board` is who the device is."""
     files = [
         _file("/etc/version", f"NAME=quill\nVERSION={active}\n"),
         _file(BOARD_FILE, json.dumps(board) + "\n"),
+        _file("/etc/velmora/bank", bank + "\n"),
         _file("/etc/hostname", HOSTNAME + "\n"),
         _file("/etc/hosts", f"127.0.0.1 localhost\n127.0.1.1 {HOSTNAME}\n"),
         _file("/etc/nsswitch.conf", "passwd: files\ngroup: files\nhosts: files dns\n"),

@@ -31,6 +31,11 @@ plain() {
     done
 }
 
+# start_from BANK: the next start is from there, power may fail at any moment; it is on the medium when this returns
+start_from() {
+    { echo "$1" >"$flash/boot.new" && sync && mv "$flash/boot.new" "$flash/boot" && sync; } 2>/dev/null
+}
+
 work=$(mktemp -d /tmp/upgrade.XXXXXX) || fail 1 "no room to unpack the image"
 trap 'rm -rf "$work" "$image"' EXIT
 
@@ -49,6 +54,7 @@ if [ -e "$work/bootloader.bin" ]; then
 fi
 
 sku=$(sed -n 's/.*"sku": *\([0-9]*\).*/\1/p' "$board")
+[ -n "$sku" ] || fail 10 "the board does not know its SKU"
 case " $(value skus) " in
 *" $sku "*) ;;
 *) fail 10 "this firmware is for SKU $(value skus), the board is $sku" ;;
@@ -58,11 +64,13 @@ case $version in
 '' | *[!0-9A-Za-z.+-]*) fail 11 "the manifest has no version" ;;
 esac
 
-case $(cat "$flash/boot" 2>/dev/null) in
+case $(cat /etc/velmora/bank 2>/dev/null) in
 a) running=a standby=b ;;
 b) running=b standby=a ;;
 *) fail 9 "it is not known which bank the device runs from" ;;
 esac
+# An earlier image may be waiting there for the next start: it goes, and nothing may start from half a bank.
+start_from "$running" || fail 9 "bank $running could not be kept as the one to start from"
 echo "writing $version to bank $standby"
 bank=$flash/bank-$standby
 rm -rf "$bank" "$bank.new"
@@ -72,9 +80,8 @@ if ! { mkdir "$bank.new" && cp "$work/firmware.bin" "$bank.new/" && printf '%s\n
     fail 7 "bank $standby could not be written; the device stays with bank $running"
 fi
 if [ -e "$work/bootloader.bin" ]; then
-    cp "$work/bootloader.bin" "$flash/bootloader.new" 2>/dev/null && mv "$flash/bootloader.new" "$flash/bootloader.bin" ||
-        fail 8 "the boot loader could not be written"
+    { cp "$work/bootloader.bin" "$flash/bootloader.new" && sync && mv "$flash/bootloader.new" "$flash/bootloader.bin"; } \
+        2>/dev/null || fail 8 "the boot loader could not be written"
 fi
-{ echo "$standby" >"$flash/boot.new" && sync && mv "$flash/boot.new" "$flash/boot"; } 2>/dev/null ||
-    fail 9 "bank $standby could not be made the one to start from"
+start_from "$standby" || fail 9 "bank $standby could not be made the one to start from"
 echo "the device starts $version from bank $standby next time"

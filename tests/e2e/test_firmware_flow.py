@@ -104,12 +104,29 @@ def test_no_changed_image_is_ever_written(lab):
         else:
             image[dice.randrange(len(image))] ^= 1 << dice.randrange(8)
         if upgrade(lab, bytes(image)) == 0:  # only what belongs to the tar alone has changed
-            written = (lab.device.folder / "flash/bank-a/firmware.bin").read_bytes()
+            written = (lab.device.folder / "flash/bank-b/firmware.bin").read_bytes()
             assert written == random.Random("4.4.0").randbytes(4096)
-            assert banks(lab) == ("4.4.0", "4.3.0")
+            assert banks(lab) == ("4.4.0", "4.2.1")
             assert upgrade(lab, good) == 0
         assert banks(lab)[0] == "4.3.0"
     assert not lab.device.run(["sh", "-c", "ls -d /tmp/upgrade.*"]).stdout
+
+
+def test_a_second_upgrade_before_the_reboot_spares_what_runs(lab):
+    assert upgrade(lab, lab.firmware.image("4.3.0", size=4096)) == 0
+    assert banks(lab) == ("4.3.0", "4.2.1")
+    assert upgrade(lab, lab.firmware.image("4.4.0", size=4096)) == 0
+    assert banks(lab) == ("4.4.0", "4.2.1")
+    lab.reboot()
+    assert "VERSION=4.4.0" in lab.device.read_text("/etc/version")
+    assert upgrade(lab, lab.firmware.image("4.5.0", size=4096)) == 0
+    assert banks(lab) == ("4.5.0", "4.4.0")
+
+
+def test_a_board_without_a_sku_takes_no_firmware(lab):
+    lab.device.write_text("/etc/velmora/board.json", "{}")
+    assert upgrade(lab, lab.firmware.image("4.3.0", skus=())) == 10
+    assert banks(lab) == OLD
 
 
 def test_a_flash_without_room_keeps_what_runs(online):
@@ -130,7 +147,7 @@ def test_power_that_fails_while_the_flash_is_written(online):
     lab.files.start()
     # it stops where the bank has been written and is not yet the one to start from
     script = (REPOSITORY / "lab/tools/upgrade.sh").read_text(encoding="utf-8")
-    switch = '{ echo "$standby"'
+    switch = 'start_from "$standby"'
     assert switch in script
     script = script.replace(switch, "touch /run/lab/shared/here; sleep 1000; " + switch)
     lab.device.write_text(SCRIPT, script, 0o755)
