@@ -57,8 +57,10 @@ void enter_connecting(void)
     LOG(LOG_EVENT, "%s:DA_STATE_CONNECTING", "da_enter_state");
     LOG(LOG_TRACE, "call libwebsocket_create_context");
     int created = ws_create_context();
-    if (created != 0)
+    if (created != 0) {
         LOG(LOG_FAILURE, "Creating libwebsocket context failed");
+        call_hook(hooks.stop_fw_dl_process); /* it would block upgrades, see above */
+    }
     fatal_assert(created == 0);
 
     if (ws_connect() == 0) {
