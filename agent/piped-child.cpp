@@ -5,7 +5,6 @@
 #include <cstdlib>
 
 #include <fcntl.h>
-#include <linux/close_range.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -39,8 +38,6 @@
     (void)dup2(output, STDOUT_FILENO);
     (void)dup2(output, STDERR_FILENO);
     signals_reset_for_child();
-    /* Ours are close-on-exec; what our parent has left open in us may not be. */
-    (void)close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
     close_descriptors_for_child();
     /* execvp takes the list as it is; the missing const is history. */
     execvp(program.vector[0], const_cast<char *const *>(program.vector));

@@ -188,7 +188,6 @@ TEST_F(piped, it_dies_with_the_agent)
 TEST_F(piped, it_inherits_no_descriptor_and_default_signals)
 {
     int kept = open("/dev/null", O_RDONLY); /* as one that the agent has from its own parent */
-    int kept = open("/dev/null", O_RDONLY);
     signal(SIGPIPE, SIG_IGN);
     std::string lines =
         "[ -e /proc/$$/fd/" + std::to_string(kept) + " ] && echo inherited; grep SigIgn /proc/$$/status";
