@@ -141,6 +141,10 @@ TEST_F(upgrade_test, of_two_requests_the_second_is_refused)
                                        "Another upgrade in progress, please try after some time"));
     EXPECT_TRUE(was_logged("handle_orv_msg: MSG_SW_UPGRADE_REQUEST received"));
     EXPECT_EQ(file_text(ORV_STATE_FILE), "Connected to " + std::string(g_orv_router));
+
+    da.auto_reboot = 0;
+    controller_sends("{\"msgType\":101,\"url\":\"" SOME_URL "\",\"autoReboot\":true}");
+    EXPECT_EQ(da.auto_reboot, 1) << "its wish to reboot counts all the same";
 }
 
 TEST_F(upgrade_test, refusals_are_answered_with_701)
