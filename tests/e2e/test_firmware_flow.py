@@ -115,6 +115,11 @@ def test_no_changed_image_is_ever_written(lab):
 def test_a_second_upgrade_before_the_reboot_spares_what_runs(lab):
     assert upgrade(lab, lab.firmware.image("4.3.0", size=4096)) == 0
     assert banks(lab) == ("4.3.0", "4.2.1")
+    lab.device.run(["sh", "-c", "cd /mnt/flash && mkdir bank-b.new && mount -t tmpfs none bank-b.new"],
+                   check=True)
+    assert upgrade(lab, lab.firmware.image("4.4.0", size=4096)) == 7
+    assert lab.device.read_text("/mnt/flash/boot") == "a\n", "nothing starts from half a bank"
+    lab.device.run(["umount", "/mnt/flash/bank-b.new"], check=True)
     assert upgrade(lab, lab.firmware.image("4.4.0", size=4096)) == 0
     assert banks(lab) == ("4.4.0", "4.2.1")
     lab.reboot()
