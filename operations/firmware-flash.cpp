@@ -25,7 +25,11 @@ enum {
     RECONNECT_AFTER_REBOOT = 300, /* an attempt in between waits until the device is surely down */
 };
 
-static void say_goodbye(void) { (void)send_close_frame_to_orvanta("DEV_SW_REBOOT", strlen("DEV_SW_REBOOT")); }
+static void say_goodbye(void)
+{
+    idle_timeout = RECONNECT_AFTER_REBOOT; /* a connection made since then has shortened it */
+    (void)send_close_frame_to_orvanta("DEV_SW_REBOOT", strlen("DEV_SW_REBOOT"));
+}
 
 static reboot_sequence sequence = {{"REBOOT DELAY", sw_reboot_timer_cb, nullptr},
                                    {"CLOSE FRAME DELAY", sw_reboot_timer_cb, nullptr},

@@ -188,6 +188,23 @@ TEST_F(flash_test, with_auto_reboot_it_says_goodbye_and_reboots)
     EXPECT_EQ(recorded("shutdown.sh").size(), 1u);
 }
 
+/* As when the connection was lost while the flash was written. */
+TEST_F(flash_test, a_connection_made_before_the_reboot_is_the_last_one)
+{
+    da.auto_reboot = 1;
+    flash();
+    da_enter_state(DA_STATE_DISCONNECTED);
+    connect_agent();
+    cancel_registration();
+    ASSERT_LT(idle_timeout, 60) << "a connection wants the next one soon";
+    ASSERT_GE(seconds_until([] { return frames_of_mode(FAKE_CLOSE_FRAME) > 0; }), 0);
+    in_library([] { fake_closed(fake_handle()); });
+    EXPECT_EQ(da.state, DA_STATE_IDLE);
+    EXPECT_TRUE(was_logged("Attempting (re)connection in 5 minutes"));
+    ASSERT_GE(seconds_until([] { return !recorded("shutdown.sh").empty(); }), 0);
+    EXPECT_EQ(da.state, DA_STATE_IDLE) << "no attempt comes in between";
+}
+
 TEST_F(flash_test, an_earlier_request_decides_about_the_reboot_where_the_later_does_not)
 {
     EXPECT_EQ(controller_sends("{\"msgType\": 101, \"url\": \"http://x\", \"autoReboot\": true}"), 1);
