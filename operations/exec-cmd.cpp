@@ -18,6 +18,7 @@
 #include "operations/log-stream.h"
 #include "operations/nslookup.h"
 #include "operations/wifiperf.h"
+#include "platform/front-end.h"
 #include "protocol/command-output.h"
 #include "protocol/message.h"
 #include "protocol/received.h"
@@ -39,6 +40,7 @@ static named_timer check_timer = {"COMMAND CHECK", look_after_child, nullptr};
 
 static piped_child child;
 static int half_over;    /* looks since output or process has ended, but not both */
+static bool paused;      /* the front end is behind: the output waits in the pipe, and the program with it */
 static std::string rest; /* the beginning of a character whose other bytes are still to come */
 
 /* ---- output ---- */
@@ -71,12 +73,16 @@ static bool take_piece(child_output *found)
     return true;
 }
 
-/* Sends what the pipe still holds, and no more: somebody may go on filling it. */
+static bool listener_ready(void) { return ts_mode != TS_FOR_FRONT_END || front_end_ready(); }
+
+/* Sends what the pipe still holds, and no more: somebody may go on filling it. A front end that is far behind
+ * does without, so that it hears of the end. */
 static void close_output(void)
 {
     child_output found;
-    for (int i = 0; i < LAST_PIECES && child.pipe_fd >= 0 && take_piece(&found); i++) {
+    for (int i = 0; i < LAST_PIECES && child.pipe_fd >= 0 && listener_ready() && take_piece(&found); i++) {
     }
+    paused = false;
     child_close_output(child);
     send_output(rest);
     rest.clear();
@@ -121,6 +127,10 @@ static bool ends_at_once(void)
 static void look_after_child(void *)
 {
     timer_fired(check_timer);
+    if (paused) { /* its last words may be among what waits */
+        timer_arm(check_timer, CHECK_PERIOD);
+        return;
+    }
     const bool ended = child_has_ended(child);
     const bool silent = child.pipe_fd < 0;
     if (ended && silent) {
@@ -143,8 +153,24 @@ static void time_is_over(void *)
         (void)abort_exec_cmd(nullptr, nullptr);
 }
 
-static void exec_output_cb(int32_t, int32_t, void *)
+static void exec_output_cb(int32_t, int32_t, void *);
+
+static void listen_again(void)
 {
+    if (!paused)
+        return;
+    paused = false;
+    (void)ev_add_fd(child.pipe_fd, EV_READ, exec_output_cb, nullptr);
+}
+
+static void exec_output_cb(int32_t fd, int32_t, void *)
+{
+    if (!listener_ready()) {
+        ev_del_fd(fd);
+        paused = true;
+        front_end_wait(listen_again);
+        return;
+    }
     child_output found;
     if (take_piece(&found) || found != CHILD_FINISHED)
         return;
@@ -251,6 +277,7 @@ void exec_cmd_reset(void)
 {
     command_is_over();
     child_end(child);
+    paused = false;
     rest.clear();
     clear_exec_command();
     tcpdump_filter[0] = '\0';

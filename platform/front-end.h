@@ -21,5 +21,11 @@ int front_end_take(int32_t fd, void (*callback)(int32_t fd, int32_t event, void 
 /* Stops watching the connection and closes it, if there is one. */
 void front_end_drop(void);
 
+/* Whether it takes packets now. Without a connection, too: there is nobody to wait for. */
+bool front_end_ready(void);
+
+/* Calls `resume`, once, when the connection takes packets again, or is gone. Another one takes its place. */
+void front_end_wait(void (*resume)(void));
+
 /* Sends a text as one packet without waiting. Always 0: what cannot be sent is lost, with a log line. */
 int write_to_fcgi(const char *text, size_t length);

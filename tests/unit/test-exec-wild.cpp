@@ -1,6 +1,9 @@
 /*
  * Commands that run as programs and misbehave.
  */
+#include <sys/socket.h>
+
+#include "platform/front-end.h"
 #include "tests/unit/exec-child-test.h"
 
 class exec_wild : public exec_child {};
@@ -94,4 +97,100 @@ TEST_F(exec_wild, hundreds_leave_nothing)
         ASSERT_TRUE(ends());
         EXPECT_EQ(open_descriptors(), descriptors);
     }
+}
+
+/* ---- a front end that is slower than the program ---- */
+
+static void no_request(int32_t, int32_t, void *) {}
+
+class exec_slow_reader : public exec_child {
+protected:
+    int page = -1; /* the front end's end */
+
+    void SetUp() override
+    {
+        exec_child::SetUp();
+        int ends[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends), 0);
+        ASSERT_EQ(front_end_take(ends[0], no_request), 0);
+        page = ends[1];
+        hooks.write_to_fcgi = write_to_fcgi;
+    }
+    void TearDown() override
+    {
+        front_end_drop();
+        close(page);
+        exec_child::TearDown();
+    }
+
+    /* Reads what has come to the page. */
+    void read_page(void) const
+    {
+        char packet[8192];
+        for (ssize_t length; (length = recv(page, packet, sizeof(packet), 0)) > 0;)
+            packets.emplace_back(packet, static_cast<size_t>(length));
+    }
+};
+
+TEST_F(exec_slow_reader, it_gets_everything)
+{
+    ping_says("seq 1 60000\n");
+    EXPECT_EQ(start(), 0);
+    EXPECT_FALSE(ends(500)) << "the program waits for its reader";
+    EXPECT_FALSE(was_logged("Failed to send message"));
+    auto begun = std::chrono::steady_clock::now();
+    EXPECT_TRUE(run_loop_until([&] {
+        read_page();
+        return exec_running == 0;
+    }));
+    EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::milliseconds(3000)) << "at once, then";
+    read_page();
+    std::string all = "[Initiated]";
+    for (int i = 1; i <= 60000; i++)
+        all += std::to_string(i) + "\n";
+    EXPECT_TRUE(said() == all + "[Complete]") << said().size() << " of " << all.size();
+    EXPECT_EQ(ev_count_fds(), 1);
+}
+
+TEST_F(exec_slow_reader, the_end_of_the_program_waits_for_it)
+{
+    ping_says("seq 1 12000\n"); /* fits into the pipe and what the socket takes */
+    EXPECT_EQ(start(), 0);
+    EXPECT_FALSE(ends(5000)) << "longer than a child may hold the pipe";
+    EXPECT_TRUE(run_loop_until([&] {
+        read_page();
+        return exec_running == 0;
+    }));
+    read_page();
+    EXPECT_NE(said().find("\n12000\n[Complete]"), std::string::npos);
+}
+
+TEST_F(exec_slow_reader, it_hears_the_end_when_it_stops_the_command)
+{
+    ping_says("exec yes\n");
+    EXPECT_EQ(start(), 0);
+    EXPECT_FALSE(ends(300));
+    EXPECT_EQ(abort_exec_cmd(nullptr, nullptr), 0);
+    (void)take_queued();
+    read_page();
+    EXPECT_EQ(said().substr(said().size() - 10), "[Complete]");
+}
+
+TEST_F(exec_slow_reader, when_it_goes_or_another_comes_the_program_goes_on)
+{
+    ping_says("seq 1 60000; echo > " FOLDER "/done\n");
+    EXPECT_EQ(start(), 0);
+    EXPECT_FALSE(ends(300));
+    int ends_of_another[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends_of_another), 0);
+    ASSERT_EQ(front_end_take(ends_of_another[0], no_request), 0);
+    close(page);
+    page = ends_of_another[1];
+    EXPECT_FALSE(ends(300)) << "this one does not read either";
+    read_page();
+    EXPECT_FALSE(packets.empty());
+    front_end_drop();
+    EXPECT_TRUE(ends());
+    EXPECT_TRUE(path_exists(FOLDER "/done"));
+    EXPECT_EQ(ev_count_fds(), 0);
 }
