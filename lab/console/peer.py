@@ -9,6 +9,7 @@ import socket
 import struct
 from typing import Optional
 
+_ESTABLISHED = "01"
 _NOBODY_LOGGED_IN = 4294967295
 
 
@@ -19,12 +20,17 @@ def address_word(host: str, port: int) -> str:
 
 
 def user_of(table: str, local: tuple[str, int], remote: tuple[str, int]) -> Optional[int]:
-    """The user of the socket with these ends in the text of "/proc/net/tcp"; None: not there."""
+    """The user of the open socket with these ends in the text of "/proc/net/tcp".
+
+    None where there is none, or none any more: once its program has closed a socket, the kernel
+    shows it as root's.
+    """
     ends = [address_word(*local), address_word(*remote)]
     for line in table.splitlines()[1:]:
         words = line.split()
         if words[1:3] == ends:
-            return int(words[7])
+            state, user, inode = words[3], words[7], words[9]
+            return int(user) if state == _ESTABLISHED and inode != "0" else None
     return None
 
 

@@ -4,6 +4,7 @@ import os
 import subprocess
 
 import pytest
+from expect import FASTER
 
 from lab.ctlserver import CtlServer
 from lab.device import PYTHON, REPOSITORY
@@ -57,7 +58,9 @@ def test_the_ways_to_the_controller(online, fault):
         online.wait_registered()
 
 
-def test_silence(online, fault):
+def test_silence(start, fault):
+    online = start(faketime=FASTER)
+    online.wait_registered()
     for name in ("stall", "black-hole", "link-cut"):
         assert fault("begin", name).returncode == 0
         online.log.wait("Missed 5 consecutive PONGS", timeout=30)

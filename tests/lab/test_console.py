@@ -52,6 +52,13 @@ def test_the_user_behind_a_connection():
     assert user_of("", here, there) is None
 
 
+@pytest.mark.parametrize("state, inode", [("05", "0"), ("06", "0"), ("08", "2"), ("01", "0")])
+def test_a_closed_socket_is_nobodys(state, inode):
+    line = (f"   1: 0100007F:9C40 0100007F:2120 {state} 00000000:00000000 00:00000000 00000000"
+            f"     0        0 {inode} 1\n")
+    assert user_of(f"head\n{line}", ("127.0.0.1", 0x9C40), ("127.0.0.1", 0x2120)) is None
+
+
 def test_every_message_has_its_words():
     for one in protocol():
         assert one["title"] and one["description"] and one["examples"], one["name"]
