@@ -35,7 +35,8 @@ export async function lineChart(title, unit) {
     options: {
       maintainAspectRatio: false, parsing: false, interaction: { mode: "nearest", axis: "x", intersect: false },
       scales: {
-        x: { type: "linear", bounds: "data", ticks: { callback: (value) => clock(value, false), maxTicksLimit: 4, maxRotation: 0 } },
+        x: { type: "linear", bounds: "data",
+          ticks: { callback: (value) => clock(value, false), maxTicksLimit: 4, maxRotation: 0 } },
         y: { ticks: { callback: (value) => measure(value, unit), maxTicksLimit: 4 },
           ...(unit === "%" ? { min: 0, max: 100 } : { grace: "10%" }) },
       },

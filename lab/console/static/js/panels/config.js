@@ -81,7 +81,8 @@ export function configPanel(id) {
     else if (pulled === null) replace(differs, empty("Pull the configuration to see what you change."));
     else {
       const now = rows();
-      const gone = form === "changes" && now.filter(([kind]) => kind === "-").length > now.filter(([kind]) => kind === "+").length;
+      const count = (wanted) => now.filter(([kind]) => kind === wanted).length;
+      const gone = form === "changes" && count("-") > count("+");
       replace(differs, diffView(now), gone ? notice("warn", "Lines that you have removed stay on the device in this form. "
         + 'Write what undoes them ("delete ssid guests"), or push the whole configuration.') : null);
     }
@@ -96,7 +97,9 @@ export function configPanel(id) {
     draw();
   };
   const asked = () => {
-    if (form === "object") return { config: JSON.parse(object.value), native: native.value || null, overwrite: overwrite.input.checked };
+    if (form === "object") {
+      return { config: JSON.parse(object.value), native: native.value || null, overwrite: overwrite.input.checked };
+    }
     return form === "changes" ? { config: added() } : { config: text.value, overwrite: true };
   };
   const work = async () => {
@@ -133,7 +136,8 @@ export function configPanel(id) {
 
   const choices = h("fieldset", {}, h("legend", {}, "Push as"), h("div", { class: "choices" },
     Object.entries(FORMS).map(([name, { title }]) => h("label", { class: "check" },
-      h("input", { type: "radio", name: "form", value: name, checked: name === form, onchange: () => { form = name; draw(); } }), title))));
+      h("input", { type: "radio", name: "form", value: name, checked: name === form,
+        onchange: () => { form = name; draw(); } }), title))));
   const lines = field("Configuration, one setting a line", text);
   const json = h("div", { class: "stack tight" }, field("Object", object),
     field("Native part, applied behind the object (may be empty)", native), overwrite.element);
@@ -145,8 +149,8 @@ export function configPanel(id) {
     element: h("div", { class: "stack" },
       card("Configuration", pullButton, h("div", { class: "stack" }, pullOut.element, choices, hint, lines, json)),
       card("What you are about to change", null, differs),
-      card("Push", null, h("div", { class: "stack" }, h("p", { class: "muted" }, "Should the device lose its controller by it, it "
-        + "goes back to what it had after ten minutes."), h("div", { class: "row" }, push), way.element, out.element, trial))),
+      card("Push", null, h("div", { class: "stack" }, h("p", { class: "muted" }, "Should the device lose its controller "
+        + "by it, it goes back to what it had after ten minutes."), h("div", { class: "row" }, push), way.element, out.element, trial))),
     close: off,
   };
 }

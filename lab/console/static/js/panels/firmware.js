@@ -78,8 +78,8 @@ function archive() {
       `Download ${name}`)), files.element);
     files.update(members.map(([file, size]) => ({ name: file, size })));
   }, "primary");
-  return card("Support archive", go, h("div", { class: "stack" }, h("p", { class: "muted" }, "The device packs its logs, state, "
-    + "configuration and network, without secrets, and uploads them."), out.element, found));
+  return card("Support archive", go, h("div", { class: "stack" }, h("p", { class: "muted" }, "The device packs its logs, "
+    + "state, configuration and network, without secrets, and uploads them."), out.element, found));
 }
 
 export function firmwarePanel(id) {

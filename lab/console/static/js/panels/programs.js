@@ -38,7 +38,8 @@ export function programsPanel() {
     event: plain("event", "A program raises an event", "Any text", '{"msgType": 699, "eId": "DoorOpened"}', "Raise"),
     log: plain("log", "A program logs a line", "Line", "hostapd: up", "Log"),
     "wifid-event": json("wifid-event", "The Wi-Fi daemon raises an event", "Payload", '{"event": "client-joined"}', "Raise"),
-    "wifid-register": json("wifid-register", "The Wi-Fi daemon registers", "Payload", '{"radios": ["2.4GHz", "5GHz"]}', "Register"),
+    "wifid-register": json("wifid-register", "The Wi-Fi daemon registers", "Payload",
+      '{"radios": ["2.4GHz", "5GHz"]}', "Register"),
     "wifid-answer": json("wifid-answer", "The controller answers the Wi-Fi daemon", "Payload", '{"vlan": 20}', "Answer"),
   };
   return { element: h("div", { class: "columns" }, Object.entries(cards).filter(([command]) => known.commands.has(command))

@@ -24,8 +24,9 @@ export function scanPanel() {
   const channels = sortable("Channels", CHANNELS, "channel");
   const none = empty("No scan yet. Choose the band that the device's radio can scan, and start one.");
   const when = h("p", { class: "muted small" });
-  const found = h("div", { class: "stack", hidden: true }, card("Channels", when, chart.element, h("p", { class: "muted small" }, "Hills: access points, "
-      + "as high as their signal in dBm. Bars: how disturbed a channel is, the full height is 100 %.")),
+  const key = h("p", { class: "muted small" }, "Hills: access points, as high as their signal in dBm. Bars: how "
+    + "disturbed a channel is, the full height is 100 %.");
+  const found = h("div", { class: "stack", hidden: true }, card("Channels", when, chart.element, key),
     card("Access points", null, neighbours.element), card("Channels in numbers", null, channels.element));
   const go = workButton("Scan", async () => {
     const end = await out.begin("scan", { band: band.value });

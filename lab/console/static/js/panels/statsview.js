@@ -87,8 +87,8 @@ function tableView(about) {
     return null;
   };
   if (numeric.length) redraw();
-  const element = card(about.name, numeric.length ? h("div", {}, column) : null, h("p", { class: "muted small" }, about.meaning),
-    place, table.element);
+  const element = card(about.name, numeric.length ? h("div", {}, column) : null,
+    h("p", { class: "muted small" }, about.meaning), place, table.element);
   element.dataset.table = about.name;
   return {
     element,

@@ -96,8 +96,9 @@ function latency() {
   const host = h("input", { type: "text", value: "far.example" });
   const out = outcomes();
   const go = workButton("Measure", () => out.begin("latency", { host: host.value.trim() }));
-  return card("Latency", null, h("div", { class: "stack tight" }, h("p", { class: "muted" }, "Three probes from the device "
-    + "to a host; the average is what the device reports."), enters(h("div", { class: "row end" }, field("Host", host, { grow: true }), go), go), out.element));
+  return card("Latency", null, h("div", { class: "stack tight" },
+    h("p", { class: "muted" }, "Three probes from the device to a host; the average is what the device reports."),
+    enters(h("div", { class: "row end" }, field("Host", host, { grow: true }), go), go), out.element));
 }
 
 export function troublePanel() {
