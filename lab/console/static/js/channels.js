@@ -5,7 +5,7 @@ import { replace, svg } from "./dom.js";
 
 const [HEIGHT, LEFT, RIGHT, FOOT, TOP] = [260, 40, 8, 24, 16];
 const [FAINTEST, LOUDEST] = [-100, -30];
-const LABELS = 8;
+const ROOM = 110; // pixels that a name takes
 
 export function channelChart() {
   const element = svg("svg", { class: "channels", role: "img",
@@ -42,7 +42,7 @@ export function channelChart() {
         d: `M${middle - reach} ${foot} Q${middle - bend} ${top} ${middle} ${top} `
           + `Q${middle + bend} ${top} ${middle + reach} ${foot}` },
       svg("title", {}, `${one.ssid || "hidden"} on channel ${one.channel}: ${one.signal} dBm`));
-      const label = at < LABELS && svg("text", { x: middle, y: top - 3, "text-anchor": "middle" },
+      const label = at < width / ROOM && svg("text", { x: middle, y: top - 3, "text-anchor": "middle" },
         (one.ssid || "hidden").slice(0, 14));
       return [hill, label];
     });

@@ -150,7 +150,8 @@ export function configPanel(id) {
       card("Configuration", pullButton, h("div", { class: "stack" }, pullOut.element, choices, hint, lines, json)),
       card("What you are about to change", null, differs),
       card("Push", null, h("div", { class: "stack" }, h("p", { class: "muted" }, "Should the device lose its controller "
-        + "by it, it goes back to what it had after ten minutes."), h("div", { class: "row" }, push), way.element, out.element, trial))),
+        + "by it, it goes back to what it had after ten minutes."), h("div", { class: "row" }, push),
+      way.element, out.element, trial))),
     close: off,
   };
 }

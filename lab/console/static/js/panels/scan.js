@@ -9,7 +9,9 @@ import { card, empty, field, select, sortable } from "../parts.js";
 const NEIGHBOURS = [
   { name: "ssid", title: "Network", show: (value) => value || h("span", { class: "muted" }, "hidden") },
   { name: "signal", title: "Signal, dBm", number: true }, { name: "channel", title: "Channel", number: true },
-  { name: "encryption", title: "Encryption" }, { name: "bssid", title: "BSSID" }, { name: "manufacturer", title: "Maker" },
+  { name: "encryption", title: "Encryption" },
+  { name: "bssid", title: "BSSID", show: (value) => h("span", { class: "nowrap" }, value) },
+  { name: "manufacturer", title: "Maker" },
 ];
 const CHANNELS = [
   { name: "channel", title: "Channel", number: true }, { name: "interference", title: "Disturbed, %", number: true },
