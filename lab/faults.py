@@ -33,6 +33,8 @@ class Fault(NamedTuple):
     """Gets the lab and a place to keep what `end` needs."""
     end: Optional[Callable[["Lab", dict[str, Any]], None]] = None
     """None: it is over as soon as it has happened."""
+    hindrance: Callable[["Lab"], str] = lambda _lab: ""
+    """Why it cannot happen now, "" if it can."""
 
 
 # -- the cable ------------------------------------------------------------------------------
@@ -52,9 +54,11 @@ def _link_back(lab: "Lab", _kept: dict[str, Any]) -> None:
 # -- the controller -------------------------------------------------------------------------
 
 def _drop(lab: "Lab", _kept: dict[str, Any]) -> None:
-    if lab.controller.newest is None:
-        raise FaultError("there is no connection to drop")
     lab.controller.kill()
+
+
+def _unconnected(lab: "Lab") -> str:
+    return "there is no connection to drop" if lab.controller.newest is None else ""
 
 
 def _stall(lab: "Lab", kept: dict[str, Any]) -> None:
@@ -116,9 +120,11 @@ def _free_flash(lab: "Lab", _kept: dict[str, Any]) -> None:
 
 
 def _kill_agent(lab: "Lab", _kept: dict[str, Any]) -> None:
-    if not lab.supervisor.running:
-        raise FaultError("the agent is not running")
     lab.supervisor.send_signal(signal.SIGKILL)
+
+
+def _not_running(lab: "Lab") -> str:
+    return "" if lab.supervisor.running else "the agent is not running"
 
 
 def _power_cycle(lab: "Lab", _kept: dict[str, Any]) -> None:
@@ -134,7 +140,7 @@ _TABLE = (
           "Nothing tells the agent but the pongs that it misses.", _black_hole, _link_back),
     Fault("drop-connection", "Drop the connection",
           "The controller resets the websocket without a word.",
-          "The device is back within seconds.", _drop),
+          "The device is back within seconds.", _drop, hindrance=_unconnected),
     Fault("stall", "Stall the controller",
           "It takes connections and messages, but answers neither pings nor registrations.",
           "After five pings without a pong the agent closes and connects again, and waits for "
@@ -153,7 +159,7 @@ _TABLE = (
           "A configuration that is pushed now is refused, and the old one stays.",
           _fill_flash, _free_flash),
     Fault("kill-agent", "Kill the agent", "SIGKILL, as the kernel does when memory runs out.",
-          "The supervisor starts it again after a second.", _kill_agent),
+          "The supervisor starts it again after a second.", _kill_agent, hindrance=_not_running),
     Fault("power-cycle", "Pull the power", "The device starts anew; only its flash is kept.",
           "It comes back with the configuration and the controller that it knew.", _power_cycle),
 )
@@ -191,6 +197,9 @@ class Faults:
             for other in pair:
                 if name in pair and other in self._active:
                     raise FaultError(f"end {FAULTS[other].title!r} first")
+        hindrance = fault.hindrance(self._lab)
+        if hindrance:
+            raise FaultError(hindrance)
         kept: dict[str, Any] = {}
         self._lab.journal.note("fault", name=name, title=fault.title, active=True,
                                lasting=fault.end is not None)
