@@ -16,6 +16,8 @@
 #include "agent/signal-mask.h"
 #include "agent/utils.h"
 
+enum { LAST_PIECES = 65536 / CHILD_READ_SIZE };
+
 [[noreturn]] static void give_up(const char *call)
 {
     perror(call);
@@ -77,6 +79,27 @@ child_output child_read(const piped_child &child, char (&buffer)[CHILD_READ_SIZE
     if (got > 0)
         return CHILD_OUTPUT;
     return got < 0 && (errno == EAGAIN || errno == EINTR) ? CHILD_SILENT : CHILD_FINISHED;
+}
+
+static child_output hand_over(piped_child &child, void (*take)(const char *piece))
+{
+    char piece[CHILD_READ_SIZE + 1];
+    size_t length;
+    child_output found = child_read(child, piece, length);
+    if (found == CHILD_OUTPUT)
+        take(piece);
+    if (found == CHILD_FINISHED)
+        child_close_output(child);
+    return found;
+}
+
+void child_hand_over(piped_child &child, void (*take)(const char *piece)) { (void)hand_over(child, take); }
+
+void child_hand_over_rest(piped_child &child, void (*take)(const char *piece))
+{
+    for (int i = 0; i < LAST_PIECES && child.pipe_fd >= 0 && hand_over(child, take) == CHILD_OUTPUT; i++) {
+    }
+    child_close_output(child);
 }
 
 int child_kill(const piped_child &child)

@@ -47,6 +47,14 @@ enum child_output {
 /* Reads what is there, `length` bytes with a NUL after them. The bytes may hold NULs. */
 child_output child_read(const piped_child &child, char (&buffer)[CHILD_READ_SIZE + 1], size_t &length);
 
+/*
+ * For output that is a text: hands the next piece to `take`, if there is one, and closes an output that has
+ * ended. The second one is for a program that has ended: it hands over what is left, up to the 64 KiB that a
+ * pipe holds (a process that outlives the program may write for ever), and closes.
+ */
+void child_hand_over(piped_child &child, void (*take)(const char *piece));
+void child_hand_over_rest(piped_child &child, void (*take)(const char *piece));
+
 /* Whether the program has ended, or there is nothing to wait for. It is not reaped. */
 bool child_has_ended(const piped_child &child);
 

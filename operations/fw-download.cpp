@@ -8,9 +8,6 @@
 
 #define MODULE "wifi.c"
 
-/* Pieces of the output that are taken at its end: a program that it left behind may go on writing. */
-enum { LAST_PIECES = 16 };
-
 static piped_child fw_dl;
 /* The second name is another one on purpose. */
 static named_timer first_check = {"check fw_dl status", check_fw_dl_status_cb, nullptr};
@@ -55,26 +52,14 @@ void stop_fw_dl_process(void)
         end_upgrade();
 }
 
-/* Takes one piece of the output; false when there is none. */
-static bool log_output(void)
-{
-    char text[CHILD_READ_SIZE + 1];
-    size_t length;
-    switch (child_read(fw_dl, text, length)) {
-    case CHILD_OUTPUT: LOG(LOG_FAILURE, "HTTPS_fw_dl: %s", text); return true;
-    case CHILD_FINISHED: child_close_output(fw_dl); return false;
-    default: return false;
-    }
-}
+static void log_output(const char *piece) { LOG(LOG_FAILURE, "HTTPS_fw_dl: %s", piece); }
 
-void fw_dl_output_cb(int32_t, int32_t, void *) { (void)log_output(); }
+void fw_dl_output_cb(int32_t, int32_t, void *) { child_hand_over(fw_dl, log_output); }
 
 static void on_exited(void)
 {
     LOG(LOG_EVENT, "fw_dl process exited.");
-    for (int i = 0; i < LAST_PIECES && fw_dl.pipe_fd >= 0 && log_output(); i++) {
-    }
-    child_close_output(fw_dl);
+    child_hand_over_rest(fw_dl, log_output);
     if (https_download_status == DOWNLOAD_COMPLETE)
         LOG(LOG_EVENT, "Firmware download complete starting device upgrade");
     else if (https_download_status == DOWNLOAD_FAILED)

@@ -18,9 +18,6 @@
 
 #define MODULE "tech-support.c"
 
-/* Pieces of the output that are taken at its end: a program that it left behind may go on writing. */
-enum { LAST_PIECES = 16 };
-
 int32_t upload_in_progress;
 
 static piped_child upload;
@@ -70,26 +67,14 @@ void platform_start_upload(const char *url, const char *filename, const char *co
     timer_arm(check_timer, 1);
 }
 
-/* Takes one piece of the output; false when there is none. */
-static bool log_output(void)
-{
-    char text[CHILD_READ_SIZE + 1];
-    size_t length;
-    switch (child_read(upload, text, length)) {
-    case CHILD_OUTPUT: LOG(LOG_TRACE, "Upload_log:%s", text); return true;
-    case CHILD_FINISHED: child_close_output(upload); return false;
-    default: return false;
-    }
-}
+static void log_output(const char *piece) { LOG(LOG_TRACE, "Upload_log:%s", piece); }
 
-void upload_output_cb(int32_t, int32_t, void *) { (void)log_output(); }
+void upload_output_cb(int32_t, int32_t, void *) { child_hand_over(upload, log_output); }
 
 static void on_exited(void)
 {
     LOG(LOG_EVENT, "Upload process exited .");
-    for (int i = 0; i < LAST_PIECES && upload.pipe_fd >= 0 && log_output(); i++) {
-    }
-    child_close_output(upload);
+    child_hand_over_rest(upload, log_output);
     upload_in_progress = 0;
 }
 
