@@ -17,6 +17,7 @@
 #include "operations/sw-upgrade.h"
 #include "operations/tech-support.h"
 #include "platform/connection-status.h"
+#include "platform/link-test.h"
 #include "platform/locate.h"
 #include "protocol/command-output.h"
 #include "protocol/device-info.h"
@@ -83,6 +84,9 @@ static int tech_support(const json_t *obj, char *error_text)
 static int tech_support_abort(const json_t *, char *) { return abort_tech_support_upload(); }
 
 static int locate(const json_t *, char *) { return platform_locate(); }
+
+/* What there is to be told of it comes from whatever the device has for it. */
+static int link_test(const json_t *, char *) { return platform_start_link_test(); }
 
 static int device_info_request(const json_t *, char *error_text)
 {
@@ -205,6 +209,7 @@ static const message_row catalogue[] = {
      "%s: MSG_LOCATE_CMD_REQUEST Complete"},
     {MSG_INTVL_UPDATE_CMD_REQUEST, LOG_TRACE, "%s: MSG_INTVL_UPDATE_CMD_REQUEST received",
      parse_and_apply_retry_intvls, 717, 0, nullptr},
+    {MSG_LINK_TEST_REQUEST, LOG_TRACE, "%s: MSG_LINK_TEST_REQUEST received", link_test, 719, 0, nullptr},
     {MSG_STATS_INFO_REQUEST, LOG_TRACE, "%s: MSG_STATS_INFO_REQUEST received", stats_info, 722, 0,
      "%s: MSG_STATS_ON_DEMAND_REQUEST Complete"},
     {MSG_DEV_INFO_REQUEST, LOG_TRACE, "%s:MSG_DEV_INFO_REQUEST received", device_info_request, 723, 0,

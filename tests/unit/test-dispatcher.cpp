@@ -352,6 +352,13 @@ TEST_F(dispatcher_test, a_refusal)
     EXPECT_EQ(ev_count_timers(), 1) << "REGISTER FAILED";
 }
 
+TEST_F(dispatcher_test, a_link_test_is_known_and_not_answered)
+{
+    handle("{\"msgType\": 119}");
+    EXPECT_EQ(txq, nullptr);
+    EXPECT_FALSE(was_logged("handle_orv_msg: UNKNOWN message 119 received from Orvanta"));
+}
+
 /* ---- levels ---- */
 
 struct level_row {
@@ -372,6 +379,7 @@ TEST_F(dispatcher_test, received_lines_have_their_levels)
         {"102", "handle_orv_msg: MSG_REBOOT_CMD_REQUEST Complete", 2},
         {"115", "handle_orv_msg: MSG_LOCATE_CMD received", 2},
         {"117", "handle_orv_msg: MSG_INTVL_UPDATE_CMD_REQUEST received", 3},
+        {"119", "handle_orv_msg: MSG_LINK_TEST_REQUEST received", 3},
         {"123", "handle_orv_msg:MSG_DEV_INFO_REQUEST received", 3},
         {"400", "handle_orv_msg: MSG_REGISTER_SUCCESS received", 2},
         {"416", "handle_orv_msg: Controller response message received", 3},

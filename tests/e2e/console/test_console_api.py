@@ -193,4 +193,4 @@ def test_a_page_that_does_not_read_costs_a_bounded_amount(console, lab):
                 while not missed:
                     missed = (await asyncio.wait_for(page.receive_json(), 10))["missed"]
                 return missed
-    assert asyncio.run(sleepy()) > 1000
+    assert asyncio.run(sleepy()) > 0, "what it is told, when it reads again"
