@@ -125,6 +125,10 @@ class Page:
             return True
         self.wait(done, "a click to arrive")
 
+    def click_on(self, css: str) -> None:
+        """Clicks the first such element that is shown, again if the page has drawn it anew."""
+        self.click(lambda: self.find(css))
+
     def field(self, label: str, within: Optional[WebElement] = None) -> WebElement:
         """The input with this label."""
         def look() -> Optional[WebElement]:

@@ -128,7 +128,7 @@ def test_statistics_move(open_panel, online):
     page.wait(lambda: page.run(PAINTED, canvas) > 500, "a chart with something in it")
     table = '[data-table="interfaces"] '
     page.wait(lambda: "eth0" in page.text(table + "table"), "the table")
-    page.find(table + "th button").click()
+    page.click_on(table + "th button")
     assert page.find(table + "th").get_attribute("aria-sort") == "descending"
     names = page.run("return [...document.querySelectorAll(arguments[0])].map((one) => one.textContent)",
                      table + "tbody tr td:first-child")
@@ -136,7 +136,7 @@ def test_statistics_move(open_panel, online):
     page.press("Stop", page.card("Reports under way"))
     page.says("slot 2 reports no more", ".notice")
     page.says("The device reports nothing by itself yet.")
-    page.find("summary").click()
+    page.click_on("summary")
     page.press("Ask once")
     page.says("The report is below.", ".notice")
 

@@ -56,7 +56,7 @@ def test_everything_has_a_name_and_is_reached_by_keyboard(open_panel):
     for name in panels(page):
         page.go(name)
         if name == "messages":
-            page.find("#messages .message").click()
+            page.click_on("#messages .message")
         assert page.run(NAMELESS) == [], name
     page.open("summary")
     page.state("Online")
@@ -88,7 +88,7 @@ def test_a_panels_name_is_in_sight_on_a_phone(open_panel):
 
 def test_messages_are_walked_by_arrow_keys(open_panel):
     page = open_panel("messages")
-    page.find("#messages .message").click()
+    page.click_on("#messages .message")
     first = page.run("return document.activeElement.dataset.id")
     page.driver.switch_to.active_element.send_keys(Keys.ARROW_DOWN)
     second = page.run("return document.activeElement.dataset.id")

@@ -17,7 +17,7 @@ def test_devices_are_followed_live(page, online):
     page.says("Not connected", ".devices .pill")
     page.says("no close frame", ".devices")
     page.says("Online", ".devices .pill")
-    page.find(".devices a").click()
+    page.click_on(".devices a")
     page.state("Online")
     assert "Registered over connection 2." in page.text(".device-head .reason")
     assert page.driver.title == "quill-lab · Orvanta console"
@@ -72,7 +72,7 @@ def messages(page):
 def test_messages_both_ways(open_panel, online):
     page = open_panel("messages")
     page.wait(lambda: {"100", "400", "104", "404"} <= set(messages(page)), "the first messages")
-    page.find('#messages [data-number="100"]').click()
+    page.click_on('#messages [data-number="100"]')
     page.says("as documented", ".detail .pill")
     page.says("The first message of every connection", ".detail")
     page.says('"productName": "Strata SA"', ".detail pre")
@@ -99,7 +99,7 @@ def test_messages_both_ways(open_panel, online):
     page.press("Go on (2 new)")
     page.wait(lambda: messages(page)[:2] == ["415", "115"], "what was held back")
     page.field("keep-alives").click()
-    page.find('#messages .message:not([data-number])').click()
+    page.click_on('#messages .message:not([data-number])')
     page.says("keep-alive", ".detail .pill")
 
 
@@ -108,7 +108,7 @@ def test_a_message_that_breaks_the_protocol_is_marked(open_panel, online):
     text = json.dumps({"msgType": 415, "colour": HOSTILE})
     online.journal.note("from-agent", text=text, message=json.loads(text), binary=True,
                         connection=online.controller.current)
-    page.find("#messages .wrong").click()
+    page.click_on("#messages .wrong")
     page.says("breaks the protocol", ".detail .pill")
     page.says("colour: unknown member", ".detail .notice")
     page.says("<img src=x onerror=", ".detail pre")
@@ -135,7 +135,7 @@ def test_long_messages_are_shown_whole_when_asked_for(open_panel, online):
     page = open_panel("messages")
     online.controller.send({"msgType": 697, "Orvanta": {"status": "ok"}, "x" * 100: "y" * 5000},
                            unchecked=True)
-    page.find('#messages [data-number="697"]').click()
+    page.click_on('#messages [data-number="697"]')
     page.wait(lambda: "y" * 5000 in page.text(".detail pre"), "all of it")
 
 

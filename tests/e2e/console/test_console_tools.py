@@ -40,7 +40,7 @@ def test_the_radio_neighbourhood(device, lab):
     assert len(neighbours) == 9 and neighbours[0][0] == HOSTILE
     strength = [int(row[1]) for row in neighbours]
     assert strength == sorted(strength, reverse=True)
-    device.find(".table th:nth-child(3) button").click()
+    device.click_on(".table th:nth-child(3) button")
     channels = [int(row[2]) for row in rows(device, ".card:nth-of-type(2) .table")]
     assert channels == sorted(channels)
     assert len(device.all(".channels .lobe")) == 9
@@ -105,7 +105,7 @@ def test_programs_of_the_device(device, lab):
     device.go("messages")
     device.click(lambda: device.find('#messages .message[data-direction="to-controller"] .text'))
     device.choose("Type", "116 wifid-payload")
-    device.find('#messages [data-number="116"]').click()
+    device.click_on('#messages [data-number="116"]')
     device.says("as documented", ".detail .pill")
 
 
